@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs QZApp on Debian 12. Installs missing Debian packages first (as root,
+# or through sudo).
+#
+#   ./dev.sh run          install, build, and run the main program
+#   ./dev.sh test         install, build, and run the whole test suite: the default build, the
+#                         address/undefined and thread sanitizer builds, and a short run of
+#                         every fuzz target
+#   ./dev.sh bench        install, build, and run the benchmarks under bench/
+#   ./dev.sh fuzz [SECS]  build the fuzz targets and run each for SECS seconds (default 60)
+set -euo pipefail
+cd "$(dirname "$0")"
+
+log() { printf '\n==> %s\n' "$*"; }
+
+install_packages() {
+    local wanted missing=()
+    wanted=$(grep -vE '^\s*(#|$)' tools/debian-packages.txt)
+    for package in $wanted; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    log "installing ${missing[*]}"
+    local sudo=()
+    [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+    "${sudo[@]}" apt-get update
+    DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+build() {
+    log "building ($1)"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1"
+}
+
+run_tests() {
+    build "$1"
+    log "testing ($1)"
+    ctest --preset "$1"
+}
+
+run_fuzzers() {
+    local seconds=$1
+    build fuzz
+    for fuzzer in build/fuzz/bin/fuzz_*; do
+        local name corpus
+        name=$(basename "$fuzzer")
+        corpus=build/fuzz/corpus/${name#fuzz_}
+        mkdir -p "$corpus"
+        [ -d "fuzz/corpus/${name#fuzz_}" ] && cp -rn "fuzz/corpus/${name#fuzz_}/." "$corpus/"
+        log "fuzzing $name for ${seconds}s"
+        if ! "$fuzzer" -max_total_time="$seconds" -print_final_stats=1 "$corpus" >"build/fuzz/$name.log" 2>&1; then
+            tail -n 60 "build/fuzz/$name.log"
+            echo "$name found a fault"
+            return 1
+        fi
+        grep -E '^stat::number_of_executed_units' "build/fuzz/$name.log"
+    done
+}
+
+demo() {
+    local qzutil=build/default/bin/qzutil
+    log "qzutil demonstrates itself"
+    set -x
+    "$qzutil" quote ab 'c d' ''
+    "$qzutil" escape $'tab\there'
+    "$qzutil" size --base 10 1000
+    "$qzutil" size 1536
+    "$qzutil" version compare 10.0 9.0
+    "$qzutil" version parse '1.0.7 (48)'
+    "$qzutil" version os
+    { set +x; } 2>/dev/null
+}
+
+command=${1:-}
+case "$command" in
+    run)   install_packages; build default; demo ;;
+    test)  install_packages; run_tests default; run_tests asan; run_tests tsan; run_fuzzers "${QZ_FUZZ_SECONDS:-10}" ;;
+    bench) install_packages; build default; log "benchmarks"; cmake --build build/default --target bench ;;
+    fuzz)  install_packages; run_fuzzers "${2:-60}" ;;
+    *)     sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
+esac

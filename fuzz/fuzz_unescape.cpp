@@ -1,0 +1,22 @@
+// Unescaping arbitrary text with the default map and with a map taken from the input, and the
+// escape/unescape round trip.
+#include <QZApp/QZStringExtensions.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const QByteArray bytes(reinterpret_cast<const char *>(data), static_cast<qsizetype>(size));
+    const qsizetype split = bytes.indexOf('\x01');
+    const QByteArray map = split < 0 ? QZ::defaultEscapeMap() : bytes.left(split);
+    const QString text = QString::fromUtf8(split < 0 ? bytes : bytes.mid(split + 1));
+
+    QZ::unescapedString(text);
+    QZ::unescapedStringWithMap(text, map);
+    if (QZ::unescapedString(QZ::stringByEscapingShellCharacters(text)) != text)
+        std::abort();
+    QString line;
+    QZ::appendArgument(line, text);
+    return 0;
+}

@@ -1,0 +1,105 @@
+// qzutil: the framework's command-line front end, for scripting, testing a helper and
+// benchmarking. Exit status 0 on success, 1 on failure (with a one-line reason), 2 on a usage
+// error (with a usage line).
+#include "Command.h"
+
+#include <QCoreApplication>
+#include <QFile>
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+namespace qzutil {
+namespace {
+
+std::map<std::string, Command> &commands()
+{
+    static std::map<std::string, Command> table;
+    return table;
+}
+
+int listCommands()
+{
+    std::fputs("usage: qzutil COMMAND [ARGUMENT...]\ncommands:\n", stderr);
+    for (const auto &[name, command] : commands())
+        std::fprintf(stderr, "  %-10s %s\n", name.c_str(), command.summary);
+    return UsageError;
+}
+
+} // namespace
+
+Registration::Registration(const Command &command)
+{
+    commands().emplace(command.name, command);
+}
+
+int usage(const char *name)
+{
+    const auto found = commands().find(name);
+    std::fprintf(stderr, "usage: qzutil %s %s\n", name, found == commands().end() ? "" : found->second.usage);
+    return UsageError;
+}
+
+int fail(const QString &reason)
+{
+    std::fprintf(stderr, "qzutil: %s\n", reason.toLocal8Bit().constData());
+    return Failure;
+}
+
+void writeOut(const QByteArray &bytes)
+{
+    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
+}
+
+void printLine(const QString &line)
+{
+    writeOut(line.toUtf8() + '\n');
+}
+
+std::optional<QByteArray> readInput(const QString &path, QString *error)
+{
+    QFile file;
+    const bool opened = path.isEmpty() || path == QLatin1String("-")
+            ? file.open(stdin, QIODevice::ReadOnly)
+            : (file.setFileName(path), file.open(QIODevice::ReadOnly));
+    if (!opened) {
+        *error = QStringLiteral("%1: %2").arg(path, file.errorString());
+        return std::nullopt;
+    }
+    QByteArray bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError) {
+        *error = QStringLiteral("%1: %2").arg(path.isEmpty() ? QStringLiteral("standard input") : path,
+                                              file.errorString());
+        return std::nullopt;
+    }
+    return bytes;
+}
+
+std::optional<quint64> parseUnsigned(const QString &text)
+{
+    if (text.isEmpty() || !text.front().isDigit())
+        return std::nullopt;
+    bool ok = false;
+    const quint64 value = text.toULongLong(&ok, 10);
+    return ok ? std::optional<quint64>(value) : std::nullopt;
+}
+
+} // namespace qzutil
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("qzutil"));
+    QStringList arguments = QCoreApplication::arguments();
+    arguments.removeFirst();
+    if (arguments.isEmpty())
+        return qzutil::listCommands();
+    const QString name = arguments.takeFirst();
+    const auto found = qzutil::commands().find(name.toStdString());
+    if (found == qzutil::commands().end())
+        return qzutil::listCommands();
+    const int status = found->second.run(arguments);
+    std::fflush(stdout);
+    return status;
+}
