@@ -22,6 +22,7 @@
 #include <functional>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 class QZAPP_EXPORT QZApplication : public QApplication
 {
@@ -66,6 +67,19 @@ namespace detail {
 // returns, when the application object is not a QZApplication.
 QZAPP_EXPORT void safelyPerformOnMainThread(const void *target, std::function<void()> call);
 QZAPP_EXPORT void safelyPerformAfterDelay(const void *target, std::function<void()> call, double seconds);
+
+// A call of `method` on `*object` (a plain or a shared pointer) that holds its own copies of
+// the arguments.
+template<typename Pointer, typename Method, typename... Arguments>
+auto boundCall(Pointer object, Method method, Arguments &&...arguments)
+{
+    static_assert(std::is_invocable_v<Method &, decltype(*object), std::decay_t<Arguments> &...>,
+                  "the method cannot be called with copies of these arguments");
+    return [object = std::move(object), method,
+            ... copies = std::decay_t<Arguments>(std::forward<Arguments>(arguments))]() mutable {
+        std::invoke(method, *object, copies...);
+    };
+}
 } // namespace detail
 
 // Calls `method` (a member function, or any callable taking the target first) on `target` with
@@ -75,26 +89,16 @@ QZAPP_EXPORT void safelyPerformAfterDelay(const void *target, std::function<void
 template<typename T, typename Method, typename Argument>
 void safelyPerformSelectorOnMainThread(std::shared_ptr<T> target, Method method, Argument argument)
 {
-    static_assert(std::is_invocable_v<Method &, T &, Argument &>, "the method cannot take this argument");
-    if (!target)
-        return;
-    const void *object = target.get();
-    detail::safelyPerformOnMainThread(object, [target = std::move(target), method, argument = std::move(argument)]() mutable {
-        std::invoke(method, *target, argument);
-    });
+    if (const void *object = target.get())
+        detail::safelyPerformOnMainThread(object, detail::boundCall(std::move(target), method, std::move(argument)));
 }
 
 // The same for a method without arguments.
 template<typename T, typename Method>
 void safelyPerformSelectorOnMainThread(std::shared_ptr<T> target, Method method)
 {
-    static_assert(std::is_invocable_v<Method &, T &>, "the method cannot be called without arguments");
-    if (!target)
-        return;
-    const void *object = target.get();
-    detail::safelyPerformOnMainThread(object, [target = std::move(target), method]() mutable {
-        std::invoke(method, *target);
-    });
+    if (const void *object = target.get())
+        detail::safelyPerformOnMainThread(object, detail::boundCall(std::move(target), method));
 }
 
 // The safe perform after `seconds` on the calling thread's event loop (the main thread's, as a
@@ -102,26 +106,16 @@ void safelyPerformSelectorOnMainThread(std::shared_ptr<T> target, Method method)
 template<typename T, typename Method, typename Argument>
 void safelyPerformSelector(std::shared_ptr<T> target, Method method, Argument argument, double seconds)
 {
-    static_assert(std::is_invocable_v<Method &, T &, Argument &>, "the method cannot take this argument");
-    if (!target)
-        return;
-    const void *object = target.get();
-    detail::safelyPerformAfterDelay(object, [target = std::move(target), method, argument = std::move(argument)]() mutable {
-        std::invoke(method, *target, argument);
-    }, seconds);
+    if (const void *object = target.get())
+        detail::safelyPerformAfterDelay(object, detail::boundCall(std::move(target), method, std::move(argument)), seconds);
 }
 
 // The same for a method without arguments.
 template<typename T, typename Method>
 void safelyPerformSelector(std::shared_ptr<T> target, Method method, double seconds)
 {
-    static_assert(std::is_invocable_v<Method &, T &>, "the method cannot be called without arguments");
-    if (!target)
-        return;
-    const void *object = target.get();
-    detail::safelyPerformAfterDelay(object, [target = std::move(target), method]() mutable {
-        std::invoke(method, *target);
-    }, seconds);
+    if (const void *object = target.get())
+        detail::safelyPerformAfterDelay(object, detail::boundCall(std::move(target), method), seconds);
 }
 
 } // namespace QZ

@@ -44,17 +44,6 @@ enum class QZThreadProxyKind : int {
 
 namespace QZ::detail {
 
-// A call of `method` on `object` holding its own copies of the arguments.
-template<typename T, typename Method, typename... Arguments>
-auto boundCall(T *object, Method method, Arguments &&...arguments)
-{
-    static_assert(std::is_invocable_v<Method &, T &, std::decay_t<Arguments> &...>,
-                  "the method cannot be called with copies of these arguments");
-    return [object, method, ... copies = std::decay_t<Arguments>(std::forward<Arguments>(arguments))]() mutable {
-        std::invoke(method, *object, copies...);
-    };
-}
-
 // Calls `method` on the main thread with the caller's own arguments and waits for it. A result
 // that cannot be delivered (no target, no application object) is value-initialised.
 template<typename T, typename Method, typename... Arguments>
