@@ -18,6 +18,8 @@ QZFuture::~QZFuture() = default;
 
 void QZFuture::addDelegate(QZFutureDelegate *delegate)
 {
+    if (!delegate)
+        return;
     bool resolved = false;
     {
         std::lock_guard guard(m_lock);
