@@ -143,7 +143,8 @@ public:
 
     // Resolves with `error`, or with success (nil) for std::nullopt.
     void setError(const std::optional<QZError> &error);
-    // Waits, then: the error, or std::nullopt on success.
+    // Waits, then: the error, or std::nullopt on success (a value set through setValue() that
+    // is not a QZError reads as an empty one).
     std::optional<QZError> error();
     // Waits, then: true when the future resolved with nil.
     bool succeeded();
