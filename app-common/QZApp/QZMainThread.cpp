@@ -1,33 +1,68 @@
 #include "QZMainThread.h"
 
+#include "QZMainThread_p.h"
+#include "QZWakeWord_p.h"
+
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
+#include <QEvent>
 #include <QThread>
 #include <QTimer>
 
 #include <cmath>
 #include <deque>
-#include <future>
+#include <exception>
 #include <mutex>
 
 namespace {
 
+// A waiting caller's request. It lives on the caller's stack: the caller cannot return before
+// `state` is set, whether the work ran or was dropped.
+struct WaitingCall
+{
+    const std::function<void()> *work = nullptr;
+    std::exception_ptr failure;                 // written before `state` is set
+    bool ran = false;                           // likewise
+    std::atomic<int> state { QZ::detail::WakeWordUnset };
+};
+
+// One queued item: work to run and forget, or a waiting caller's request.
+struct Item
+{
+    std::function<void()> work;
+    WaitingCall *call = nullptr;
+};
+
 // Lives on the main thread as a child of the application object. Posting threads append to
-// `pending` under `queueMutex` and ask for one runNext() per item; the main thread takes the
-// item under the same mutex, so the hand-over never depends on Qt's own locking.
+// `pending` under `queueMutex` and post one wake-up event per item; each event runs the item at
+// the head, so work keeps running inside nested event loops, one item per event as Qt orders
+// them. The hand-over never depends on Qt's own locking.
 class MainThreadPerformer : public QObject
 {
-    Q_OBJECT
 public:
     explicit MainThreadPerformer(QCoreApplication *app);
     ~MainThreadPerformer() override;
 
-    Q_INVOKABLE void runNext();
+    static QEvent::Type wakeEventType();
+    // Runs the item at the head of the queue for each wake-up event.
+    bool event(QEvent *event) override;
 };
 
 std::mutex queueMutex;
 MainThreadPerformer *performer = nullptr;             // guarded by queueMutex
-std::deque<std::function<void()>> pending;            // guarded by queueMutex
+std::deque<Item> pending;                              // guarded by queueMutex
+
+void runWaitingCall(WaitingCall &call)
+{
+    try {
+        (*call.work)();
+        call.ran = true;
+    } catch (...) {
+        call.failure = std::current_exception();
+        call.ran = true;
+    }
+    QZ::detail::setWakeWord(call.state);
+}
 
 MainThreadPerformer::MainThreadPerformer(QCoreApplication *app)
     : QObject(app)
@@ -38,26 +73,59 @@ MainThreadPerformer::MainThreadPerformer(QCoreApplication *app)
 
 MainThreadPerformer::~MainThreadPerformer()
 {
-    std::deque<std::function<void()>> dropped;
+    std::deque<Item> dropped;
     {
         std::lock_guard guard(queueMutex);
         performer = nullptr;
         dropped.swap(pending);
     }
-    // `dropped` is destroyed here, outside the lock: work that never ran releases what it held.
+    // Outside the lock: waiting callers learn that nothing ran, and work that never ran
+    // releases what it held.
+    for (Item &item : dropped) {
+        if (item.call)
+            QZ::detail::setWakeWord(item.call->state);
+    }
 }
 
-void MainThreadPerformer::runNext()
+QEvent::Type MainThreadPerformer::wakeEventType()
 {
-    std::function<void()> work;
-    {
-        std::lock_guard guard(queueMutex);
-        if (pending.empty())
-            return;
-        work = std::move(pending.front());
-        pending.pop_front();
+    static const auto type = static_cast<QEvent::Type>(QEvent::registerEventType());
+    return type;
+}
+
+bool MainThreadPerformer::event(QEvent *event)
+{
+    // The lock comes before the first look at the event: a wake-up was allocated by the posting
+    // thread under this lock, and Qt's queue in between is invisible to ThreadSanitizer.
+    std::unique_lock lock(queueMutex);
+    if (event->type() != wakeEventType()) {
+        lock.unlock();
+        return QObject::event(event);
     }
-    work();
+    if (pending.empty())
+        return true;
+    Item item = std::move(pending.front());
+    pending.pop_front();
+    lock.unlock();
+    if (item.call)
+        runWaitingCall(*item.call);
+    else
+        item.work();
+    return true;
+}
+
+// Appends `item` and posts its wake-up event; false when there is no application object.
+// Posting under the lock keeps the performer alive meanwhile (it is destroyed with the
+// application object, after which nothing is posted any more) and orders the main thread's
+// deletion of the event after its allocation here.
+bool enqueue(Item item)
+{
+    std::lock_guard guard(queueMutex);
+    if (!performer)
+        return false;
+    pending.push_back(std::move(item));
+    QCoreApplication::postEvent(performer, new QEvent(MainThreadPerformer::wakeEventType()));
+    return true;
 }
 
 void createPerformer()
@@ -71,6 +139,16 @@ Q_COREAPP_STARTUP_FUNCTION(createPerformer)
 
 namespace QZ {
 
+namespace detail {
+
+bool isMainThreadPerformer(const QObject *object)
+{
+    // Written only on the main thread, so the main thread reads it without the lock.
+    return object && object == performer;
+}
+
+} // namespace detail
+
 bool isMainThread()
 {
     const QCoreApplication *app = QCoreApplication::instance();
@@ -79,13 +157,7 @@ bool isMainThread()
 
 bool performOnMainThread(std::function<void()> work)
 {
-    std::lock_guard guard(queueMutex);
-    if (!performer)
-        return false;
-    pending.push_back(std::move(work));
-    // Invoked by name so that the queued call is made entirely inside Qt.
-    QMetaObject::invokeMethod(performer, "runNext", Qt::QueuedConnection);
-    return true;
+    return enqueue(Item { std::move(work), nullptr });
 }
 
 bool performOnMainThreadAndWait(std::function<void()> work)
@@ -94,24 +166,14 @@ bool performOnMainThreadAndWait(std::function<void()> work)
         work();
         return true;
     }
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> finished = done->get_future();
-    const bool posted = performOnMainThread([done, work = std::move(work)] {
-        try {
-            work();
-            done->set_value();
-        } catch (...) {
-            done->set_exception(std::current_exception());
-        }
-    });
-    if (!posted)
+    WaitingCall call;
+    call.work = &work;
+    if (!enqueue(Item { {}, &call }))
         return false;
-    try {
-        finished.get();
-    } catch (const std::future_error &) {
-        return false;   // dropped unrun: the application went away
-    }
-    return true;
+    detail::waitForWakeWord(call.state);
+    if (call.failure)
+        std::rethrow_exception(call.failure);
+    return call.ran;   // false: dropped unrun, the application went away
 }
 
 void performAfterDelay(double seconds, std::function<void()> work)
@@ -126,5 +188,3 @@ void performAfterDelay(double seconds, std::function<void()> work)
 }
 
 } // namespace QZ
-
-#include "QZMainThread.moc"

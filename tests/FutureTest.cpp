@@ -1,0 +1,199 @@
+// Futures: publication across threads, setting twice, delegates and their lock, chaining,
+// compound resolution and timed waits.
+#include "support/TestSupport.h"
+
+#include <QZApp/QZFuture.h>
+
+#include <QElapsedTimer>
+
+#include <future>
+#include <thread>
+
+using qztest::expectAssertion;
+
+namespace {
+
+// Records the thread of each resolution it is told of, then runs `onResolve`.
+struct Recorder : QZFutureDelegate {
+    void didResolveFuture(QZFuture *future) override
+    {
+        {
+            std::lock_guard guard(mutex);
+            threads.push_back(std::this_thread::get_id());
+        }
+        if (onResolve)
+            onResolve(future);
+    }
+    size_t count()
+    {
+        std::lock_guard guard(mutex);
+        return threads.size();
+    }
+    std::function<void(QZFuture *)> onResolve;
+    std::mutex mutex;
+    std::vector<std::thread::id> threads;
+};
+
+TEST(Future, ValueReachesWaitingThreadsAndNilIsAResult)
+{
+    auto future = QZValueFuture::future();
+    auto waiter = std::async(std::launch::async, [future] { return future->value(); });
+    // A long string: a waiter that saw the flag before the value would read a torn one.
+    const QString text(100000, QLatin1Char('x'));
+    std::thread([future, text] { future->setValue(text); }).join();
+    EXPECT_EQ(waiter.get().toString(), text);
+
+    auto succeeded = QZErrorFuture::future(), failed = QZErrorFuture::future();
+    succeeded->setError(std::nullopt);
+    EXPECT_TRUE(succeeded->valid() && succeeded->succeeded());
+    const QZError denied(QStringLiteral("POSIX"), 13, QStringLiteral("Permission denied"));
+    failed->setError(denied);
+    EXPECT_FALSE(failed->succeeded());
+    EXPECT_EQ(failed->error(), denied);
+}
+
+TEST(Future, SettingTwiceIsReported)
+{
+    auto future = QZErrorFuture::future();
+    future->setError(std::nullopt);
+    const QZAssertionFailure failure = expectAssertion([&] { future->setValue(2); });
+    EXPECT_EQ(failure.method(), QLatin1String("QZValueFuture::setValue"));
+    EXPECT_EQ(failure.object(), static_cast<const void *>(future.get()));
+    EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZFuture"));
+    EXPECT_EQ(failure.line(), 160);
+    EXPECT_EQ(failure.description(), QLatin1String("Cannot set futures twice!"));
+    EXPECT_TRUE(future->succeeded());
+}
+
+TEST(FutureDelegates, AreToldInOrderOnTheResolvingThreadOncePerEntry)
+{
+    auto future = QZValueFuture::future();
+    Recorder first, second, removed;
+    std::vector<Recorder *> order;
+    first.onResolve = [&](QZFuture *) { order.push_back(&first); };
+    second.onResolve = [&](QZFuture *resolved) {
+        order.push_back(&second);
+        resolved->removeDelegate(&removed);   // while the list is being walked
+    };
+    for (Recorder *delegate : { &first, &removed, &second, &first, &removed })
+        future->addDelegate(delegate);
+    std::thread::id resolver;
+    std::thread([&] {
+        resolver = std::this_thread::get_id();
+        future->setValue(1);
+    }).join();
+    EXPECT_EQ(order, (std::vector<Recorder *> { &first, &second, &first }));
+    EXPECT_EQ(first.threads, (std::vector<std::thread::id> { resolver, resolver }));
+    EXPECT_EQ(removed.count(), 1u);   // told before second removed it, not after
+
+    Recorder late;   // after resolution: told at once, on its own thread
+    future->addDelegate(&late);
+    EXPECT_EQ(late.threads, std::vector<std::thread::id> { std::this_thread::get_id() });
+}
+
+TEST(FutureDelegates, NoneAddedDuringNotificationIsLostOrToldTwice)
+{
+    auto future = QZValueFuture::future();
+    Recorder notifying, sameThread, otherThread;
+    std::thread adder;
+    notifying.onResolve = [&](QZFuture *resolved) {
+        resolved->addDelegate(&sameThread);   // this thread holds the lock: told by this loop
+        adder = std::thread([&] { future->addDelegate(&otherThread); });   // waits for the lock
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(otherThread.count(), 0u);
+    };
+    future->addDelegate(&notifying);
+    future->setValue(1);
+    adder.join();
+    EXPECT_EQ(sameThread.count(), 1u);
+    EXPECT_EQ(otherThread.count(), 1u);
+}
+
+TEST(FutureChaining, FollowsSwitchesDetachesAndYieldsToADirectSet)
+{
+    auto head = QZValueFuture::future(), middle = QZValueFuture::future(), tail = QZValueFuture::future();
+    tail->takeValueFrom(middle);
+    middle->takeValueFrom(head);
+    std::thread([head] { head->setValue(QStringLiteral("shared")); }).join();
+    EXPECT_EQ(tail->value().toString(), QLatin1String("shared"));
+    auto immediate = QZValueFuture::future();
+    immediate->takeValueFrom(head);   // already resolved: resolves inside the call
+    EXPECT_TRUE(immediate->valid());
+
+    auto old = QZValueFuture::future(), current = QZValueFuture::future(), follower = QZValueFuture::future();
+    follower->takeValueFrom(old);
+    follower->takeValueFrom(current);
+    old->setValue(1);
+    EXPECT_FALSE(follower->valid());
+    follower->setValue(2);
+    current->setValue(3);   // the direct value stays, without an assertion
+    EXPECT_EQ(follower->value().toInt(), 2);
+
+    auto source = QZValueFuture::future();
+    {
+        auto detached = QZValueFuture::future(), destroyed = QZValueFuture::future();
+        detached->takeValueFrom(source);
+        detached->takeValueFrom(nullptr);
+        destroyed->takeValueFrom(source);
+        auto compound = QZCompoundFuture::futureWithChildren({ source });
+    }
+    source->setValue(1);   // must not reach the delegates destroyed above
+}
+
+TEST(CompoundFuture, ResolvesWithTheFirstNonNilChildOrNilWhenAllAre)
+{
+    auto empty = QZCompoundFuture::futureWithChildren({});
+    EXPECT_TRUE(empty->valid());
+    EXPECT_FALSE(empty->value().isValid());
+    Recorder never;
+    empty->addDelegate(&never);   // stored, never told
+    EXPECT_EQ(never.count(), 0u);
+    empty->removeDelegate(&never);
+
+    auto a = QZValueFuture::future(), b = QZValueFuture::future(), c = QZValueFuture::future();
+    a->setValue(QVariant());   // resolved before: taken during construction
+    auto first = QZCompoundFuture::futureWithChildren({ a, b, c });
+    Recorder told;
+    first->addDelegate(&told);
+    EXPECT_FALSE(first->valid());
+    std::thread([c] { c->setValue(QStringLiteral("from c")); }).join();
+    b->setValue(QStringLiteral("from b"));   // late: ignored
+    EXPECT_EQ(first->value().toString(), QLatin1String("from c"));
+    EXPECT_EQ(told.count(), 1u);
+
+    auto copy = QZErrorFuture::future(), verify = QZErrorFuture::future();
+    auto both = QZCompoundFuture::futureWithChildren({ copy, verify });
+    copy->setError(std::nullopt);
+    EXPECT_FALSE(both->valid());
+    verify->setError(std::nullopt);
+    EXPECT_TRUE(both->valid());
+    EXPECT_FALSE(both->value().isValid());   // success
+}
+
+TEST(FutureWaiting, DeadlinesInThePastReturnAtOnceAndResolutionEndsAWaitEarly)
+{
+    auto future = QZValueFuture::future();
+    QElapsedTimer timer;
+    timer.start();
+    future->waitUntilDate(QDateTime::currentDateTime().addSecs(-60));
+    future->waitUntilDate(QDateTime::fromMSecsSinceEpoch(-5000));
+    future->waitUntilDate(QDateTime());
+    EXPECT_LT(timer.elapsed(), 1000);
+    future->waitUntilDate(QDateTime::currentDateTime().addMSecs(150));
+    EXPECT_GE(timer.elapsed(), 140);
+    EXPECT_FALSE(future->valid());
+
+    auto synchronizer = QZFutureSynchronizer::synchronizerWithFuture(future);
+    EXPECT_EQ(synchronizer->condition(), 0);
+    std::thread resolver([future] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        future->setValue(1);
+    });
+    timer.restart();
+    future->waitUntilDate(QDateTime::currentDateTime().addSecs(60));
+    EXPECT_LT(timer.elapsed(), 30000);
+    resolver.join();
+    EXPECT_EQ(synchronizer->condition(), 1);
+}
+
+} // namespace
