@@ -1,0 +1,305 @@
+/* The copy engine: one object of any type, and for a folder (on request) everything beneath it.
+ *
+ * The destination is created by the source's type, then its metadata is carried over in a fixed
+ * order (extended attributes, access control lists, owner and group, the attribute list). A
+ * failure after the destination was touched deletes it again, unless the failure's errno is
+ * EEXIST; each failing step reports its own line, innermost first, and errno stays the failing
+ * step's. */
+#include "utils_private.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#define PATH_ROOM 1024
+#define LINK_ROOM_STEP 256
+#define LINK_ROOM_MAX 0xFFFFF
+#define FORK_SUFFIX "/..namedfork/rsrc"
+
+static bool copy_object(const char *source, const char *destination, const copy_file_options *options,
+                        int32_t destination_device);
+
+bool copy_file(const char *source, const char *destination, const copy_file_options *options)
+{
+    return copy_object(source, destination, options, -1);
+}
+
+/* Runs `make` on the destination; when something is in the way (EEXIST), deletes it and, if
+ * that worked, runs `make` once more. Reports `site` when it still fails. */
+static bool make_replacing(const char *destination, int (*make)(const char *, mode_t, dev_t), mode_t mode,
+                           dev_t device, unsigned site)
+{
+    int result = make(destination, mode, device);
+    if (result < 0 && errno == EEXIST && delete_file_object(destination) == 0)
+        result = make(destination, mode, device);
+    if (result < 0) {
+        utils_report_path(destination, site);
+        return false;
+    }
+    return true;
+}
+
+static int make_fifo(const char *path, mode_t mode, dev_t device)
+{
+    (void)device;
+    return mkfifo(path, mode);
+}
+
+/* Reads the text of the link at `source`, however long, and recreates it at `destination`. */
+static bool copy_link(const char *source, const char *destination)
+{
+    size_t room = LINK_ROOM_STEP;
+    char *text = malloc(room);
+    ssize_t length;
+    for (;;) {
+        if (!text) {
+            utils_report_path(source, 421);
+            return false;
+        }
+        length = readlink(source, text, room - 1);
+        /* Linux cuts a text that does not fit without saying so: a full buffer may be cut. */
+        if (length == (ssize_t)(room - 1)) {
+            errno = ENAMETOOLONG;
+            length = -1;
+        }
+        if (length >= 0 || errno != ENAMETOOLONG || room > LINK_ROOM_MAX)
+            break;
+        room += LINK_ROOM_STEP;
+        char *grown = realloc(text, room);
+        if (!grown)
+            free(text);
+        text = grown;
+    }
+    if (length < 0) {
+        utils_report_path(source, 421);
+        free(text);
+        return false;
+    }
+    text[length] = '\0';
+    int result = symlink(text, destination);
+    if (result < 0 && errno == EEXIST && delete_file_object(destination) == 0)
+        result = symlink(text, destination);
+    if (result < 0)
+        utils_report_path(destination, 428);
+    const int saved = errno;
+    free(text);
+    errno = saved;
+    return result == 0;
+}
+
+/* The data of a regular file, then its resource fork. Linux files have no forks: opening the
+ * fork path fails with ENOTDIR, which counts as none, like ENOENT and EPERM. */
+static bool copy_regular(const char *source, const char *destination)
+{
+    if (!utils_copy_data_stream(-1, source, destination)) {
+        utils_report_error(453);
+        return false;
+    }
+    const size_t length = strlen(source);
+    char *fork = malloc(length + sizeof FORK_SUFFIX);
+    if (!fork) {
+        utils_report_error(457);
+        return false;
+    }
+    memcpy(fork, source, length);
+    memcpy(fork + length, FORK_SUFFIX, sizeof FORK_SUFFIX);
+    bool ok = false;
+    const int fd = open(fork, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        ok = errno == ENOENT || errno == ENOTDIR || errno == EPERM;
+        if (!ok)
+            utils_report_path(fork, 468);
+        goto out;
+    }
+    const size_t destination_length = strlen(destination);
+    char *destination_fork = malloc(destination_length + sizeof FORK_SUFFIX);
+    if (!destination_fork) {
+        utils_report_error(472);
+    } else {
+        memcpy(destination_fork, destination, destination_length);
+        memcpy(destination_fork + destination_length, FORK_SUFFIX, sizeof FORK_SUFFIX);
+        ok = utils_copy_data_stream(fd, fork, destination_fork);
+        if (!ok)
+            utils_report_error(481);
+        free(destination_fork);
+    }
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+out:;
+    const int saved_out = errno;
+    free(fork);
+    errno = saved_out;
+    return ok;
+}
+
+/* Creates the destination folder owner-only, or reuses a folder already there (clearing its
+ * immutable flag and, for anyone but the superuser, adding owner write permission), or replaces
+ * a non-folder. Sets *device to the device of the folder. */
+static bool make_folder(const char *destination, int32_t *device)
+{
+    if (mkdir(destination, 0700) < 0) {
+        if (errno != EEXIST) {
+            utils_report_path(destination, 346);
+            return false;
+        }
+        struct statx existing;
+        if (statx(AT_FDCWD, destination, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_MODE, &existing) < 0) {
+            utils_report_path(destination, 351);
+            return false;
+        }
+        if (S_ISDIR(existing.stx_mode)) {
+            if (existing.stx_attributes & STATX_ATTR_IMMUTABLE)
+                (void)utils_clear_immutable(destination);
+            if (geteuid() != 0 && !(existing.stx_mode & S_IWUSR))
+                (void)chmod(destination, (existing.stx_mode & 07777) | S_IWUSR);
+        } else if (unlink(destination) < 0 || mkdir(destination, 0700) < 0) {
+            utils_report_path(destination, 359);
+            return false;
+        }
+    }
+    struct stat folder;
+    if (stat(destination, &folder) < 0) {
+        utils_report_path(destination, 364);
+        return false;
+    }
+    *device = utils_device_number(folder.st_dev);
+    return true;
+}
+
+/* Puts `path` and a '/' into a PATH_ROOM buffer, cut to fit; returns where names go. */
+static size_t start_path(char *buffer, const char *path)
+{
+    size_t length = strnlen(path, PATH_ROOM - 2);
+    memcpy(buffer, path, length);
+    buffer[length++] = '/';
+    buffer[length] = '\0';
+    return length;
+}
+
+/* Puts `name` behind the first `base` bytes of the buffer, cut to fit. */
+static void put_name(char *buffer, size_t base, const char *name)
+{
+    const size_t length = strnlen(name, PATH_ROOM - 1 - base);
+    memcpy(buffer + base, name, length);
+    buffer[base + length] = '\0';
+}
+
+/* Copies the entries of the folder `source` into `destination` on the volume `device`. */
+static bool copy_entries(const char *source, const char *destination, const copy_file_options *options,
+                         int32_t device)
+{
+    bool ok = false;
+    char *source_path = NULL, *destination_path = NULL;
+    DIR *folder = opendir(source);
+    if (!folder) {
+        utils_report_path(source, 371);
+        return false;
+    }
+    source_path = malloc(PATH_ROOM);
+    if (!source_path) {
+        utils_report_error(376);
+        goto out;
+    }
+    destination_path = malloc(PATH_ROOM);
+    if (!destination_path) {
+        utils_report_error(379);
+        goto out;
+    }
+    const size_t source_base = start_path(source_path, source);
+    const size_t destination_base = start_path(destination_path, destination);
+    for (;;) {
+        errno = 0;
+        const struct dirent *entry = readdir(folder);
+        if (!entry) {
+            if (errno != 0) {
+                utils_report_path(source, 395);
+                goto out;
+            }
+            break;
+        }
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+            continue;
+        put_name(source_path, source_base, entry->d_name);
+        put_name(destination_path, destination_base, entry->d_name);
+        if (!copy_object(source_path, destination_path, options, device) && !(options->flags & COPY_FILE_KEEP_GOING)) {
+            utils_report_error(410);
+            goto out;
+        }
+    }
+    ok = true;
+out:;
+    const int saved = errno;
+    free(source_path);
+    free(destination_path);
+    closedir(folder);
+    errno = saved;
+    return ok;
+}
+
+static bool copy_object(const char *source, const char *destination, const copy_file_options *options,
+                        int32_t destination_device)
+{
+    if (options && options->filter && !options->filter(options->context, source, options, destination_device))
+        return true;
+
+    struct statx status;
+    if (statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) < 0) {
+        utils_report_path(source, 309);
+        return false;
+    }
+    const int32_t source_device = utils_device_number(makedev(status.stx_dev_major, status.stx_dev_minor));
+    const mode_t type = status.stx_mode & S_IFMT;
+    int32_t device = destination_device;
+    bool created = false;
+    switch (type) {
+    case S_IFIFO:
+        created = make_replacing(destination, make_fifo, 0600, 0, 330);
+        break;
+    case S_IFCHR:
+    case S_IFBLK:
+    case S_IFSOCK:
+        /* The node's device argument is the device of the volume holding the source. */
+        created = make_replacing(destination, mknod, type | 0600,
+                                 makedev(status.stx_dev_major, status.stx_dev_minor), 340);
+        break;
+    case S_IFDIR:
+        created = make_folder(destination, &device)
+                && (!options || !(options->flags & COPY_FILE_RECURSIVE)
+                    || copy_entries(source, destination, options, device));
+        break;
+    case S_IFREG:
+        created = copy_regular(source, destination);
+        break;
+    case S_IFLNK:
+        created = copy_link(source, destination);
+        break;
+    default:
+        errno = ENOTSUP;
+        utils_report_path(source, 494);
+        return false;   /* nothing was touched */
+    }
+
+    bool ok = false;
+    if (created) {
+        struct xattr_listing listing;
+        uid_t owner;
+        gid_t group;
+        ok = utils_copy_extended_attributes(source, destination, &listing)
+                && (type == S_IFLNK || utils_copy_access_control_lists(source, destination, type == S_IFDIR, &listing))
+                && utils_copy_owner(destination, status.stx_uid, status.stx_gid, device, options, &owner, &group)
+                && utils_copy_attribute_list(source, destination, source_device, device, owner, group);
+    }
+    if (!ok) {
+        const int saved = errno;
+        if (saved != EEXIST)
+            (void)delete_file_object(destination);
+        errno = saved;
+    }
+    return ok;
+}
