@@ -7,9 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-bool utils_copy_attribute_list(const char *source, const char *destination, int32_t source_device,
+bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int32_t source_device,
                                int32_t destination_device, uid_t applied_owner, gid_t applied_group)
 {
+    const char *source = pair->source, *destination = pair->destination;
+    const int fd = pair->destination_fd;
     const struct volume_capabilities *from = utils_volume_capabilities(source, source_device);
     const uint32_t from_common = from ? from->common : 0;   /* the next lookup may overwrite it */
     const struct volume_capabilities *to = from ? utils_volume_capabilities(destination, destination_device) : NULL;
@@ -20,8 +22,10 @@ bool utils_copy_attribute_list(const char *source, const char *destination, int3
     const uint32_t carried = from_common & to->common & UTILS_ATTR_CARRIED;
 
     struct statx status;
-    if (statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_MTIME,
-              &status) < 0) {
+    const unsigned wanted = STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_MTIME;
+    const int got = pair->source_fd >= 0 ? statx(pair->source_fd, "", AT_EMPTY_PATH, wanted, &status)
+                                          : statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, wanted, &status);
+    if (got < 0) {
         utils_report_path(source, 551);
         return false;
     }
@@ -40,7 +44,7 @@ bool utils_copy_attribute_list(const char *source, const char *destination, int3
             { .tv_sec = 0, .tv_nsec = UTIME_OMIT },
             { .tv_sec = status.stx_mtime.tv_sec, .tv_nsec = status.stx_mtime.tv_nsec },
         };
-        if (utimensat(AT_FDCWD, destination, times, AT_SYMLINK_NOFOLLOW) < 0) {
+        if ((fd >= 0 ? futimens(fd, times) : utimensat(AT_FDCWD, destination, times, AT_SYMLINK_NOFOLLOW)) < 0) {
             utils_report_path(destination, 587);
             return false;
         }
@@ -51,15 +55,15 @@ bool utils_copy_attribute_list(const char *source, const char *destination, int3
             mode &= ~(mode_t)S_ISUID;
         if (applied_group != status.stx_gid)
             mode &= ~(mode_t)S_ISGID;
-        if (fchmodat(AT_FDCWD, destination, mode, 0) < 0) {
+        if ((fd >= 0 ? fchmod(fd, mode) : fchmodat(AT_FDCWD, destination, mode, 0)) < 0) {
             utils_report_path(destination, 587);
             return false;
         }
     }
     /* Only the superuser may set the immutable flag on Linux; it comes last, as it forbids
      * every change after it. */
-    if ((carried & UTILS_ATTR_FLAGS) && (status.stx_attributes & STATX_ATTR_IMMUTABLE) && geteuid() == 0
-        && (S_ISREG(status.stx_mode) || S_ISDIR(status.stx_mode)) && utils_set_immutable(destination) < 0) {
+    if ((carried & UTILS_ATTR_FLAGS) && (status.stx_attributes & STATX_ATTR_IMMUTABLE) && superuser
+        && (S_ISREG(status.stx_mode) || S_ISDIR(status.stx_mode)) && utils_set_immutable(destination, fd) < 0) {
         utils_report_path(destination, 587);
         return false;
     }

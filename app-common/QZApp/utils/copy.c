@@ -19,14 +19,20 @@
 #define PATH_ROOM 1024
 #define LINK_ROOM_STEP 256
 #define LINK_ROOM_MAX 0xFFFFF
-#define FORK_SUFFIX "/..namedfork/rsrc"
 
-static bool copy_object(const char *source, const char *destination, const copy_file_options *options,
+/* What stays the same through one copy_file call. */
+struct copy_context {
+    const copy_file_options *options;   /* may be null */
+    bool superuser;
+};
+
+static bool copy_object(const struct copy_context *context, const char *source, const char *destination,
                         int32_t destination_device);
 
 bool copy_file(const char *source, const char *destination, const copy_file_options *options)
 {
-    return copy_object(source, destination, options, -1);
+    const struct copy_context context = { options, geteuid() == 0 };
+    return copy_object(&context, source, destination, -1);
 }
 
 /* Runs `make` on the destination; when something is in the way (EEXIST), deletes it and, if
@@ -92,56 +98,10 @@ static bool copy_link(const char *source, const char *destination)
     return result == 0;
 }
 
-/* The data of a regular file, then its resource fork. Linux files have no forks: opening the
- * fork path fails with ENOTDIR, which counts as none, like ENOENT and EPERM. */
-static bool copy_regular(const char *source, const char *destination)
-{
-    if (!utils_copy_data_stream(-1, source, destination)) {
-        utils_report_error(453);
-        return false;
-    }
-    const size_t length = strlen(source);
-    char *fork = malloc(length + sizeof FORK_SUFFIX);
-    if (!fork) {
-        utils_report_error(457);
-        return false;
-    }
-    memcpy(fork, source, length);
-    memcpy(fork + length, FORK_SUFFIX, sizeof FORK_SUFFIX);
-    bool ok = false;
-    const int fd = open(fork, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        ok = errno == ENOENT || errno == ENOTDIR || errno == EPERM;
-        if (!ok)
-            utils_report_path(fork, 468);
-        goto out;
-    }
-    const size_t destination_length = strlen(destination);
-    char *destination_fork = malloc(destination_length + sizeof FORK_SUFFIX);
-    if (!destination_fork) {
-        utils_report_error(472);
-    } else {
-        memcpy(destination_fork, destination, destination_length);
-        memcpy(destination_fork + destination_length, FORK_SUFFIX, sizeof FORK_SUFFIX);
-        ok = utils_copy_data_stream(fd, fork, destination_fork);
-        if (!ok)
-            utils_report_error(481);
-        free(destination_fork);
-    }
-    const int saved = errno;
-    close(fd);
-    errno = saved;
-out:;
-    const int saved_out = errno;
-    free(fork);
-    errno = saved_out;
-    return ok;
-}
-
 /* Creates the destination folder owner-only, or reuses a folder already there (clearing its
  * immutable flag and, for anyone but the superuser, adding owner write permission), or replaces
  * a non-folder. Sets *device to the device of the folder. */
-static bool make_folder(const char *destination, int32_t *device)
+static bool make_folder(const char *destination, bool superuser, int32_t *device, struct known_owner *current)
 {
     if (mkdir(destination, 0700) < 0) {
         if (errno != EEXIST) {
@@ -156,7 +116,7 @@ static bool make_folder(const char *destination, int32_t *device)
         if (S_ISDIR(existing.stx_mode)) {
             if (existing.stx_attributes & STATX_ATTR_IMMUTABLE)
                 (void)utils_clear_immutable(destination);
-            if (geteuid() != 0 && !(existing.stx_mode & S_IWUSR))
+            if (!superuser && !(existing.stx_mode & S_IWUSR))
                 (void)chmod(destination, (existing.stx_mode & 07777) | S_IWUSR);
         } else if (unlink(destination) < 0 || mkdir(destination, 0700) < 0) {
             utils_report_path(destination, 359);
@@ -169,6 +129,7 @@ static bool make_folder(const char *destination, int32_t *device)
         return false;
     }
     *device = utils_device_number(folder.st_dev);
+    *current = (struct known_owner) { true, folder.st_uid, folder.st_gid };
     return true;
 }
 
@@ -191,7 +152,7 @@ static void put_name(char *buffer, size_t base, const char *name)
 }
 
 /* Copies the entries of the folder `source` into `destination` on the volume `device`. */
-static bool copy_entries(const char *source, const char *destination, const copy_file_options *options,
+static bool copy_entries(const struct copy_context *context, const char *source, const char *destination,
                          int32_t device)
 {
     bool ok = false;
@@ -227,7 +188,8 @@ static bool copy_entries(const char *source, const char *destination, const copy
             continue;
         put_name(source_path, source_base, entry->d_name);
         put_name(destination_path, destination_base, entry->d_name);
-        if (!copy_object(source_path, destination_path, options, device) && !(options->flags & COPY_FILE_KEEP_GOING)) {
+        if (!copy_object(context, source_path, destination_path, device)
+            && !(context->options->flags & COPY_FILE_KEEP_GOING)) {
             utils_report_error(410);
             goto out;
         }
@@ -242,9 +204,27 @@ out:;
     return ok;
 }
 
-static bool copy_object(const char *source, const char *destination, const copy_file_options *options,
+/* Closes the descriptors a data copy left open; a failing close of the destination (its data
+ * may not have reached the volume) fails the copy when nothing else had. */
+static bool close_pair(struct copy_pair *pair, bool ok)
+{
+    int saved = errno;
+    if (pair->destination_fd >= 0 && close(pair->destination_fd) < 0 && ok) {
+        utils_report_path(pair->destination, 703);
+        ok = false;
+        saved = errno;
+    }
+    if (pair->source_fd >= 0)
+        close(pair->source_fd);
+    pair->source_fd = pair->destination_fd = -1;
+    errno = saved;
+    return ok;
+}
+
+static bool copy_object(const struct copy_context *context, const char *source, const char *destination,
                         int32_t destination_device)
 {
+    const copy_file_options *options = context->options;
     if (options && options->filter && !options->filter(options->context, source, options, destination_device))
         return true;
 
@@ -253,8 +233,10 @@ static bool copy_object(const char *source, const char *destination, const copy_
         utils_report_path(source, 309);
         return false;
     }
-    const int32_t source_device = utils_device_number(makedev(status.stx_dev_major, status.stx_dev_minor));
+    const dev_t source_volume = makedev(status.stx_dev_major, status.stx_dev_minor);
     const mode_t type = status.stx_mode & S_IFMT;
+    struct copy_pair pair = { source, destination, -1, -1 };
+    struct known_owner current = { false, 0, 0 };
     int32_t device = destination_device;
     bool created = false;
     switch (type) {
@@ -265,16 +247,19 @@ static bool copy_object(const char *source, const char *destination, const copy_
     case S_IFBLK:
     case S_IFSOCK:
         /* The node's device argument is the device of the volume holding the source. */
-        created = make_replacing(destination, mknod, type | 0600,
-                                 makedev(status.stx_dev_major, status.stx_dev_minor), 340);
+        created = make_replacing(destination, mknod, type | 0600, source_volume, 340);
         break;
     case S_IFDIR:
-        created = make_folder(destination, &device)
+        created = make_folder(destination, context->superuser, &device, &current)
                 && (!options || !(options->flags & COPY_FILE_RECURSIVE)
-                    || copy_entries(source, destination, options, device));
+                    || copy_entries(context, source, destination, device));
         break;
     case S_IFREG:
-        created = copy_regular(source, destination);
+        /* Linux files have no resource fork (the fork path of a regular file names nothing), so
+         * the data stream is all there is. Its descriptors stay open for the metadata. */
+        created = utils_copy_data_stream(-1, source, destination, &pair, &current);
+        if (!created)
+            utils_report_error(453);
         break;
     case S_IFLNK:
         created = copy_link(source, destination);
@@ -290,11 +275,14 @@ static bool copy_object(const char *source, const char *destination, const copy_
         struct xattr_listing listing;
         uid_t owner;
         gid_t group;
-        ok = utils_copy_extended_attributes(source, destination, &listing)
-                && (type == S_IFLNK || utils_copy_access_control_lists(source, destination, type == S_IFDIR, &listing))
-                && utils_copy_owner(destination, status.stx_uid, status.stx_gid, device, options, &owner, &group)
-                && utils_copy_attribute_list(source, destination, source_device, device, owner, group);
+        ok = utils_copy_extended_attributes(&pair, &listing)
+                && (type == S_IFLNK || utils_copy_access_control_lists(&pair, type == S_IFDIR, &listing))
+                && utils_copy_owner(&pair, context->superuser, status.stx_uid, status.stx_gid, device, &current,
+                                    options, &owner, &group)
+                && utils_copy_attribute_list(&pair, context->superuser, utils_device_number(source_volume), device,
+                                             owner, group);
     }
+    ok = close_pair(&pair, ok);
     if (!ok) {
         const int saved = errno;
         if (saved != EEXIST)

@@ -94,7 +94,8 @@ out:;
     return ok;
 }
 
-bool utils_copy_data_stream(int source_fd, const char *source, const char *destination)
+bool utils_copy_data_stream(int source_fd, const char *source, const char *destination, struct copy_pair *kept,
+                            struct known_owner *current)
 {
     bool ok = false;
     int in = source_fd, out = -1;
@@ -109,7 +110,16 @@ bool utils_copy_data_stream(int source_fd, const char *source, const char *desti
     out = open_destination(destination, &status);
     if (out < 0)
         goto out;
-    if (status.st_size > 0)
+    if (current) {
+        struct stat created;
+        current->known = fstat(out, &created) == 0;
+        current->owner = created.st_uid;
+        current->group = created.st_gid;
+    }
+    /* One piece for the whole size: only worth asking for when the data takes more than one
+     * transfer, since a single transfer is laid out in one piece anyway. Its result does not
+     * matter. */
+    if (status.st_size > (off_t)UTILS_COPY_BUFFER_MAX)
         (void)fallocate(out, FALLOC_FL_KEEP_SIZE, 0, status.st_size);
 
     /* In the kernel first, at most 8 MiB per call. Whatever stops it (volumes that cannot, or a
@@ -131,6 +141,11 @@ bool utils_copy_data_stream(int source_fd, const char *source, const char *desti
     ok = true;
 out:;
     int saved = errno;
+    if (ok && kept) {
+        kept->source_fd = in;
+        kept->destination_fd = out;
+        return true;
+    }
     if (out >= 0 && close(out) < 0 && ok) {
         utils_report_path(destination, 703);
         ok = false;

@@ -29,8 +29,9 @@ QZUTILS_EXPORT void utils_report_error(unsigned site);
 
 /* Clears the immutable flag of `path`, keeping its other flags: 0, or -1 with errno. */
 int utils_clear_immutable(const char *path);
-/* Sets the immutable flag of `path`, keeping its other flags: 0, or -1 with errno. */
-int utils_set_immutable(const char *path);
+/* Sets the immutable flag of `path`, or of the open `fd` when it is not -1, keeping the other
+ * flags: 0, or -1 with errno. */
+int utils_set_immutable(const char *path, int fd);
 
 /* Volume capabilities (volume_capabilities.c).
  *
@@ -61,6 +62,15 @@ QZUTILS_EXPORT const struct volume_capabilities *utils_volume_capabilities(const
 QZUTILS_EXPORT unsigned long utils_volume_capability_queries(void);
 QZUTILS_EXPORT void utils_volume_capabilities_reset(void);
 
+/* The objects a copy step works on: paths, and descriptors where they are open (-1 where
+ * not). A descriptor stands for the same object as its path and saves looking the path up. */
+struct copy_pair {
+    const char *source;
+    const char *destination;
+    int source_fd;
+    int destination_fd;
+};
+
 /* Metadata of a copied object (metadata.c, attributes.c), in this order. */
 
 /* What listing the source's extended attributes learnt about its access control lists. */
@@ -70,24 +80,33 @@ struct xattr_listing {
     bool default_acl;      /* "system.posix_acl_default" was among them */
 };
 
-/* Copies the extended attributes of `source` to `destination` (sites 819, 827, 832, 845, each
- * followed by 499). */
-bool utils_copy_extended_attributes(const char *source, const char *destination, struct xattr_listing *listing);
+/* The owner and group the destination has now, when known, so that an owner change that
+ * changes nothing is not made. */
+struct known_owner {
+    bool known;
+    uid_t owner;
+    gid_t group;
+};
+
+/* Copies the extended attributes (sites 819, 827, 832, 845, each followed by 499). */
+bool utils_copy_extended_attributes(const struct copy_pair *pair, struct xattr_listing *listing);
 /* Copies the access control list, and a folder's default list (sites 512, 519). */
-bool utils_copy_access_control_lists(const char *source, const char *destination, bool folder,
-                                     const struct xattr_listing *listing);
-/* Gives `destination` its owner and group and tells which were applied (site 528). */
-bool utils_copy_owner(const char *destination, uid_t source_owner, gid_t source_group, int32_t destination_device,
+bool utils_copy_access_control_lists(const struct copy_pair *pair, bool folder, const struct xattr_listing *listing);
+/* Gives the destination its owner and group and tells which were applied (site 528). */
+bool utils_copy_owner(const struct copy_pair *pair, bool superuser, uid_t source_owner, gid_t source_group,
+                      int32_t destination_device, const struct known_owner *current,
                       const copy_file_options *options, uid_t *applied_owner, gid_t *applied_group);
 /* Carries modification time, permission bits and the immutable flag as both volumes keep them
  * (sites 538, 551, 582, 587). Only when this succeeds is the copy of the object a success. */
-bool utils_copy_attribute_list(const char *source, const char *destination, int32_t source_device,
+bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int32_t source_device,
                                int32_t destination_device, uid_t applied_owner, gid_t applied_group);
 
 /* Copies the data of a regular file (datastream.c): from the open descriptor `source_fd`, or
  * from `source` opened here when it is -1, to `destination`, created or truncated (sites 660,
- * 698, 703). */
-bool utils_copy_data_stream(int source_fd, const char *source, const char *destination);
+ * 698, 703). With `kept`, the descriptors stay open for the caller (source_fd and
+ * destination_fd, to be closed by it) and `current` tells the destination's owner. */
+bool utils_copy_data_stream(int source_fd, const char *source, const char *destination, struct copy_pair *kept,
+                            struct known_owner *current);
 
 /* The tool runner's format walk (run_tool.c).
  *
