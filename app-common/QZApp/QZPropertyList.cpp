@@ -27,13 +27,17 @@ QVariant dictionaryFrom(plist_t node)
     if (!iterator)
         return map;
     for (;;) {
-        char *key = nullptr;
         plist_t value = nullptr;
-        plist_dict_next_item(node, iterator, &key, &value);
-        if (!key)
+        plist_dict_next_item(node, iterator, nullptr, &value);   // the key may not be a key node
+        if (!value)
             break;
-        map.insert(QString::fromUtf8(key), variantFromPropertyList(value));
-        std::free(key);
+        const plist_t key = plist_dict_item_get_key(value);
+        if (!key || plist_get_node_type(key) != PLIST_KEY)
+            continue;
+        char *text = nullptr;
+        plist_get_key_val(key, &text);
+        map.insert(QString::fromUtf8(text ? text : ""), variantFromPropertyList(value));
+        std::free(text);
     }
     std::free(iterator);
     return map;
@@ -60,8 +64,7 @@ QVariant variantFromPropertyList(plist_t node)
         return dictionaryFrom(node);
     case PLIST_ARRAY:
         return arrayFrom(node);
-    case PLIST_STRING:
-    case PLIST_KEY: {
+    case PLIST_STRING: {
         uint64_t length = 0;
         const char *text = plist_get_string_ptr(node, &length);
         return QString::fromUtf8(text ? text : "", static_cast<qsizetype>(length));

@@ -116,6 +116,10 @@ bool utils_copy_data_stream(int source_fd, const char *source, const char *desti
  * when it holds a conversion that is not accepted. */
 QZUTILS_EXPORT int utils_run_tool_format_walk(const char *format, char *kinds, size_t room);
 
+/* The property list in `length` bytes (XML or binary), as plist_from_file reads a file's
+ * (plist.c); null for anything else. */
+QZUTILS_EXPORT plist_t utils_plist_from_memory(const char *bytes, size_t length);
+
 #ifdef __cplusplus
 }
 #endif
