@@ -81,7 +81,7 @@ TEST_F(PropertyList, AnythingElseIsNull)
     // Binary lists the parser lets through but that cannot be read safely: a dictionary whose key
     // is not a string, and a key with a NUL character in it.
     for (const char *base64 : { "YnBsaXN0MDDSAQIDDVFhUW6nBAUGBwgJChABE//////////+Iz/gAAAAAAAACUIAAVR0ZXh00QsMUWtRdhMAAAEAAAAAAAgNEBEZGyQtLjMzODs9AAAAAAAAAQEAAAAAAAAADgAAAAAAAAAAAAAAAAAAAEY=",
-                                "YnBsaXN0MDDRAQJTYQBiEAEICw8AAAAAAAABAQAAAAAAAAADAAAAAAAAAAAAAAAAAAAAEQ==" }) {
+                                "YnBsaXN0MDDRAQJjAOkAAABiEAEICxIAAAAAAAABAQAAAAAAAAADAAAAAAAAAAAAAAAAAAAAFA==" }) {
         const QString path = write(QStringLiteral("malformed"), QByteArray::fromBase64(base64));
         EXPECT_EQ(plist_from_file(path.toUtf8().constData()), nullptr) << base64;
     }
