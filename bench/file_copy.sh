@@ -8,6 +8,10 @@
 # from an empty destination after a sync; the tools take turns, and each figure is the median of
 # RUNS runs (default 7). Prints a Markdown table of medians and ratios, then where the time goes
 # (strace -c) for the copy and the delete of tree (a).
+#
+# As root, the trees live on an ext4 volume in memory (an image in /dev/shm on a loop device), so
+# that the figures measure the tools and the file system rather than the disk underneath;
+# otherwise they live in WORK_DIR itself.
 set -euo pipefail
 
 qzutil=$(realpath "$1")
@@ -17,6 +21,20 @@ runs=${4:-7}
 
 mkdir -p "$work"
 work=$(realpath "$work")
+if [ "$(id -u)" -eq 0 ] && [ -d /dev/shm ]; then
+    image=/dev/shm/qz-bench-$$.img
+    volume=$work/volume
+    mkdir -p "$volume"
+    cleanup() { umount "$volume" 2>/dev/null || true; rm -f "$image"; }
+    trap cleanup EXIT
+    truncate -s 6G "$image"
+    mkfs.ext4 -q -F "$image"
+    mount -o loop "$image" "$volume"
+    work=$volume
+    echo "Volume: ext4 in memory ($image on a loop device)"
+else
+    echo "Volume: $(df -T "$work" | awk 'NR == 2 { print $2 }') at $work"
+fi
 small=$work/tree-a
 large=$work/tree-b
 dest=$work/copy

@@ -27,12 +27,12 @@ struct copy_context {
 };
 
 static bool copy_object(const struct copy_context *context, const char *source, const char *destination,
-                        int32_t destination_device);
+                        int32_t destination_device, unsigned char type_hint);
 
 bool copy_file(const char *source, const char *destination, const copy_file_options *options)
 {
     const struct copy_context context = { options, geteuid() == 0 };
-    return copy_object(&context, source, destination, -1);
+    return copy_object(&context, source, destination, -1, DT_UNKNOWN);
 }
 
 /* Runs `make` on the destination; when something is in the way (EEXIST), deletes it and, if
@@ -188,7 +188,7 @@ static bool copy_entries(const struct copy_context *context, const char *source,
             continue;
         put_name(source_path, source_base, entry->d_name);
         put_name(destination_path, destination_base, entry->d_name);
-        if (!copy_object(context, source_path, destination_path, device)
+        if (!copy_object(context, source_path, destination_path, device, entry->d_type)
             && !(context->options->flags & COPY_FILE_KEEP_GOING)) {
             utils_report_error(410);
             goto out;
@@ -221,21 +221,37 @@ static bool close_pair(struct copy_pair *pair, bool ok)
     return ok;
 }
 
+/* Opens a source that its folder listed as a regular file and reads its status from the
+ * descriptor, which saves looking its path up twice more. -1 when it is not one after all, or
+ * cannot be opened: the caller then takes the usual way, which reports what is wrong. */
+static int open_listed_file(const char *source, struct statx *status)
+{
+    const int fd = open(source, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS, status) < 0 || !S_ISREG(status->stx_mode)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 static bool copy_object(const struct copy_context *context, const char *source, const char *destination,
-                        int32_t destination_device)
+                        int32_t destination_device, unsigned char type_hint)
 {
     const copy_file_options *options = context->options;
     if (options && options->filter && !options->filter(options->context, source, options, destination_device))
         return true;
 
     struct statx status;
-    if (statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) < 0) {
+    const int source_fd = type_hint == DT_REG ? open_listed_file(source, &status) : -1;
+    if (source_fd < 0 && statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) < 0) {
         utils_report_path(source, 309);
         return false;
     }
     const dev_t source_volume = makedev(status.stx_dev_major, status.stx_dev_minor);
     const mode_t type = status.stx_mode & S_IFMT;
-    struct copy_pair pair = { source, destination, -1, -1 };
+    struct copy_pair pair = { source, destination, source_fd, -1 };
     struct known_owner current = { false, 0, 0 };
     int32_t device = destination_device;
     bool created = false;
@@ -257,7 +273,7 @@ static bool copy_object(const struct copy_context *context, const char *source, 
     case S_IFREG:
         /* Linux files have no resource fork (the fork path of a regular file names nothing), so
          * the data stream is all there is. Its descriptors stay open for the metadata. */
-        created = utils_copy_data_stream(-1, source, destination, &pair, &current);
+        created = utils_copy_data_stream(source_fd, source, destination, &pair, &current);
         if (!created)
             utils_report_error(453);
         break;
