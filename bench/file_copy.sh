@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # File copy and delete: qzutil against cp -a, rsync -aAX and rm -rf, in one run, page cache warm.
 #
-#   file_copy.sh QZUTIL MAKE_TREE WORK_DIR [RUNS]
+#   file_copy.sh QZUTIL MAKE_TREE WORK_DIR [RUNS [LARGE_RUNS]]
 #
 # Tree (a): 20,000 files of 1 to 16 KiB in 1,000 folders, each with a user extended attribute,
 # one in ten with an access control list. Tree (b): four 512 MiB files. Every timed run starts
 # from an empty destination after a sync; the tools take turns, and each figure is the median of
-# RUNS runs (default 7). Prints a Markdown table of medians and ratios, then where the time goes
+# RUNS runs (default 9; LARGE_RUNS, default 5, for tree (b)). Prints a Markdown table of medians and ratios, then where the time goes
 # (strace -c) for the copy and the delete of tree (a).
 #
 # As root, the trees live on an ext4 volume in memory (an image in /dev/shm on a loop device), so
@@ -17,7 +17,8 @@ set -euo pipefail
 qzutil=$(realpath "$1")
 make_tree=$(realpath "$2")
 work=$3
-runs=${4:-7}
+runs=${4:-9}
+large_runs=${5:-5}
 
 mkdir -p "$work"
 work=$(realpath "$work")
@@ -92,7 +93,7 @@ for _ in $(seq "$runs"); do
     delete_case "rm" rm -rf
     delete_case "delete" "$qzutil" delete
 done
-for _ in $(seq "$runs"); do
+for _ in $(seq "$large_runs"); do
     copy_case "b cp" "$large" cp -a
     copy_case "b qzutil" "$large" "$qzutil" copy --recursive
 done
@@ -112,7 +113,7 @@ echo "| copy tree (a) vs rsync -aAX | $a_qz | $a_rsync | $(ratio "$a_qz" "$a_rsy
 echo "| copy tree (b) vs cp -a | $b_qz | $b_cp | $(ratio "$b_qz" "$b_cp") |"
 echo "| delete tree (a) vs rm -rf | $d_qz | $d_rm | $(ratio "$d_qz" "$d_rm") |"
 echo
-echo "Median of $runs runs each; samples (ms):"
+echo "Medians of $runs runs each ($large_runs for tree (b)); samples (ms):"
 for name in "a qzutil" "a cp" "a rsync" "b qzutil" "b cp" "delete" "rm"; do
     echo "- $name: ${samples[$name]}"
 done
