@@ -16,7 +16,6 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#define PATH_ROOM 1024
 #define LINK_ROOM_STEP 256
 #define LINK_ROOM_MAX 0xFFFFF
 
@@ -133,24 +132,6 @@ static bool make_folder(const char *destination, bool superuser, int32_t *device
     return true;
 }
 
-/* Puts `path` and a '/' into a PATH_ROOM buffer, cut to fit; returns where names go. */
-static size_t start_path(char *buffer, const char *path)
-{
-    size_t length = strnlen(path, PATH_ROOM - 2);
-    memcpy(buffer, path, length);
-    buffer[length++] = '/';
-    buffer[length] = '\0';
-    return length;
-}
-
-/* Puts `name` behind the first `base` bytes of the buffer, cut to fit. */
-static void put_name(char *buffer, size_t base, const char *name)
-{
-    const size_t length = strnlen(name, PATH_ROOM - 1 - base);
-    memcpy(buffer + base, name, length);
-    buffer[base + length] = '\0';
-}
-
 /* Copies the entries of the folder `source` into `destination` on the volume `device`. */
 static bool copy_entries(const struct copy_context *context, const char *source, const char *destination,
                          int32_t device)
@@ -162,38 +143,30 @@ static bool copy_entries(const struct copy_context *context, const char *source,
         utils_report_path(source, 371);
         return false;
     }
-    source_path = malloc(PATH_ROOM);
+    source_path = malloc(UTILS_PATH_ROOM);
     if (!source_path) {
         utils_report_error(376);
         goto out;
     }
-    destination_path = malloc(PATH_ROOM);
+    destination_path = malloc(UTILS_PATH_ROOM);
     if (!destination_path) {
         utils_report_error(379);
         goto out;
     }
-    const size_t source_base = start_path(source_path, source);
-    const size_t destination_base = start_path(destination_path, destination);
-    for (;;) {
-        errno = 0;
-        const struct dirent *entry = readdir(folder);
-        if (!entry) {
-            if (errno != 0) {
-                utils_report_path(source, 395);
-                goto out;
-            }
-            break;
-        }
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-            continue;
-        put_name(source_path, source_base, entry->d_name);
-        put_name(destination_path, destination_base, entry->d_name);
+    const size_t source_base = utils_path_start(source_path, source);
+    const size_t destination_base = utils_path_start(destination_path, destination);
+    const struct dirent *entry;
+    while ((entry = utils_next_entry(folder, source, 395))) {
+        utils_path_put_name(source_path, source_base, entry->d_name);
+        utils_path_put_name(destination_path, destination_base, entry->d_name);
         if (!copy_object(context, source_path, destination_path, device, entry->d_type)
             && !(context->options->flags & COPY_FILE_KEEP_GOING)) {
             utils_report_error(410);
             goto out;
         }
     }
+    if (errno != 0)
+        goto out;
     ok = true;
 out:;
     const int saved = errno;

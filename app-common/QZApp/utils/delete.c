@@ -9,8 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#define PATH_ROOM 1024
-
 static int delete_folder(const char *path, mode_t mode);
 
 int delete_file_object(const char *path)
@@ -45,41 +43,27 @@ static int delete_folder(const char *path, mode_t mode)
         utils_report_path(path, 158);
         return -1;
     }
-    char *entry_path = malloc(PATH_ROOM);
+    char *entry_path = malloc(UTILS_PATH_ROOM);
     if (!entry_path) {
         utils_report_error(163);
         goto out;
     }
-    /* Paths too long for the buffer are cut, so the nested call fails on a wrong name. */
-    size_t base = strnlen(path, PATH_ROOM - 2);
-    memcpy(entry_path, path, base);
-    entry_path[base++] = '/';
-    for (;;) {
-        errno = 0;
-        const struct dirent *entry = readdir(folder);
-        if (!entry) {
-            if (errno != 0) {
-                utils_report_path(path, 176);
-                goto out;
-            }
-            break;
-        }
-        const char *name = entry->d_name;
-        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
-            continue;
-        const size_t length = strnlen(name, PATH_ROOM - 1 - base);
-        memcpy(entry_path + base, name, length);
-        entry_path[base + length] = '\0';
+    const size_t base = utils_path_start(entry_path, path);
+    const struct dirent *entry;
+    while ((entry = utils_next_entry(folder, path, 176))) {
+        const bool whole = utils_path_put_name(entry_path, base, entry->d_name);
         /* What is known not to be a folder goes at once; only when that fails (an immutable
          * entry, say) does the entry take the whole way, which then reports. */
-        if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN && name[length] == '\0'
-            && unlinkat(dirfd(folder), name, 0) == 0)
+        if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN && whole
+            && unlinkat(dirfd(folder), entry->d_name, 0) == 0)
             continue;
         if (delete_file_object(entry_path) < 0) {
             utils_report_path(entry_path, 189);
             goto out;
         }
     }
+    if (errno != 0)
+        goto out;
     if (rmdir(path) < 0) {
         utils_report_path(path, 193);
         goto out;

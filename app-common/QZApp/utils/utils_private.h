@@ -4,6 +4,7 @@
 
 #include <QZApp/utils.h>
 
+#include <dirent.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -23,6 +24,19 @@ QZUTILS_EXPORT void utils_report_error(unsigned site);
 
 /* Largest data buffer of a file or extended-attribute copy: 8 MiB. */
 #define UTILS_COPY_BUFFER_MAX ((size_t)8 * 1024 * 1024)
+
+/* Folder walks (folder_walk.c). Entry paths are built in buffers of UTILS_PATH_ROOM bytes:
+ * a path that does not fit is cut, so that the nested call fails on a wrong name rather than
+ * overrunning the buffer. */
+#define UTILS_PATH_ROOM 1024
+
+/* Puts `folder` and a '/' into `buffer`; returns where entry names go. */
+size_t utils_path_start(char *buffer, const char *folder);
+/* Puts `name` behind the first `base` bytes; false when it had to be cut. */
+bool utils_path_put_name(char *buffer, size_t base, const char *name);
+/* The next entry of `folder` other than "." and "..", or null: at the end with errno 0, or
+ * after a failure of the reader, which is reported with `path` and `site`. */
+const struct dirent *utils_next_entry(DIR *folder, const char *path, unsigned site);
 
 /* The immutable flag (file_flags.c). Only regular files and folders carry flags; the object is
  * opened without following a final link and without blocking. */
