@@ -80,10 +80,13 @@ struct copy_file_options {
 
 /* Copies the object at `source` to `destination`: data, extended attributes, access control
  * lists, owner and group (when run by the superuser), modification time, permission bits and the
- * immutable flag, as far as both volumes keep them. A non-folder at the destination is
- * replaced; a folder there is merged into. `options` may be null: no recursion, source's owner
- * and group. True when the object (and, as the flags demand, its entries) was copied; on
- * failure what was created is deleted again and errno holds the failing step's cause. */
+ * immutable flag (superuser only), as far as both volumes keep them. A regular file at the
+ * destination is truncated and overwritten, any other non-folder replaced, and a folder there
+ * merged into. `options` may be null: no recursion, the source's owner and group. True when the
+ * object (and, as the flags demand, its entries) was copied. On failure the destination object
+ * is deleted, a merged folder with all it held, unless errno is EEXIST (which is also what
+ * copying a file onto itself gives); each failing step has reported its line, innermost first,
+ * and errno holds the failing step's cause. */
 QZUTILS_EXPORT bool copy_file(const char *source, const char *destination, const copy_file_options *options);
 
 /* Deletes the object at `path`, and for a folder everything beneath it, clearing the immutable
