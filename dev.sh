@@ -69,6 +69,12 @@ demo() {
     "$qzutil" version compare 10.0 9.0
     "$qzutil" version parse '1.0.7 (48)'
     "$qzutil" version os
+    local scratch
+    scratch=$(mktemp -d)
+    mkdir "$scratch/folder" && echo hello > "$scratch/folder/file"
+    "$qzutil" copy --recursive "$scratch/folder" "$scratch/copy"
+    "$qzutil" run /bin/cat "$scratch/copy/file"
+    "$qzutil" delete "$scratch"
     { set +x; } 2>/dev/null
 }
 

@@ -1,0 +1,158 @@
+/* Which common attributes a volume keeps, learnt once per volume and kept in a two-entry cache.
+ *
+ * The file-system type from statfs decides: FAT-like volumes keep modification times only (no
+ * owners, permission bits or flags); the types that implement the inode-flags ioctl also keep
+ * the immutable flag. A FUSE volume is known by the subtype its mount carries in
+ * /proc/self/mountinfo. */
+#include "utils_private.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#define MOUNTINFO_PATH "/proc/self/mountinfo"
+
+#define KEEPS_UNIX (UTILS_ATTR_MODTIME | UTILS_ATTR_OWNER | UTILS_ATTR_GROUP | UTILS_ATTR_ACCESSMASK)
+#define KEEPS_ALL (KEEPS_UNIX | UTILS_ATTR_FLAGS)
+#define KEEPS_FAT UTILS_ATTR_MODTIME
+
+/* Process-wide and unguarded: copies must not run on two threads at once. */
+static struct volume_capabilities cache[2];
+static int last_written = 1;   /* so that the first miss fills entry 0 */
+static unsigned long queries;
+
+int32_t utils_device_number(dev_t device)
+{
+    uint64_t value = (uint64_t)device;
+    if (value > INT32_MAX)
+        value = (value ^ (value >> 31)) & INT32_MAX;
+    return (int32_t)value;
+}
+
+/* Whether the mount-info line of a FUSE volume with `device` names a FAT-like subtype. 0 or 1,
+ * or -1 after reporting site 257. A volume that is not found counts as not FAT-like. */
+static int fuse_volume_is_fat_like(dev_t device)
+{
+    FILE *mounts = fopen(MOUNTINFO_PATH, "re");
+    if (!mounts) {
+        utils_report_path(MOUNTINFO_PATH, 257);
+        return -1;
+    }
+    char wanted[32];
+    snprintf(wanted, sizeof wanted, "%u:%u", major(device), minor(device));
+    int fat_like = 0;
+    char *line = NULL;
+    size_t room = 0;
+    while (getline(&line, &room, mounts) > 0) {
+        /* ID PARENT MAJOR:MINOR ROOT MOUNT-POINT OPTIONS [TAGS...] - TYPE SOURCE SUPER-OPTIONS */
+        const char *field = line;
+        for (int skipped = 0; skipped < 2 && field; skipped++) {
+            field = strchr(field, ' ');
+            if (field)
+                field++;
+        }
+        const size_t wanted_length = strlen(wanted);
+        if (!field || strncmp(field, wanted, wanted_length) != 0 || field[wanted_length] != ' ')
+            continue;
+        const char *type = strstr(field, " - ");
+        if (!type)
+            continue;
+        type += 3;
+        static const char *const fat_types[] = { "fuseblk ", "fuse.fusefat ", "fuse.exfat ", "fuse.vfat ",
+                                                 "fuse.msdos ", "fuse.exfat-fuse " };
+        for (size_t i = 0; i < sizeof fat_types / sizeof fat_types[0]; i++)
+            if (strncmp(type, fat_types[i], strlen(fat_types[i])) == 0)
+                fat_like = 1;
+        break;
+    }
+    free(line);
+    fclose(mounts);
+    return fat_like;
+}
+
+/* The common attributes kept by the volume with statfs answer `fs`, or -1 after a report. */
+static int64_t capabilities_of(const struct statfs *fs, dev_t device)
+{
+    switch ((unsigned long)fs->f_type) {
+    case MSDOS_SUPER_MAGIC:
+    case EXFAT_SUPER_MAGIC:
+        return KEEPS_FAT;
+    case FUSE_SUPER_MAGIC: {
+        const int fat_like = fuse_volume_is_fat_like(device);
+        if (fat_like < 0)
+            return -1;
+        return fat_like ? KEEPS_FAT : KEEPS_UNIX;
+    }
+    case EXT4_SUPER_MAGIC:   /* also ext2 and ext3 */
+    case XFS_SUPER_MAGIC:
+    case BTRFS_SUPER_MAGIC:
+    case F2FS_SUPER_MAGIC:
+    case TMPFS_MAGIC:
+    case REISERFS_SUPER_MAGIC:
+    case OCFS2_SUPER_MAGIC:
+    case NILFS_SUPER_MAGIC:
+    case 0x3153464aUL:        /* JFS */
+    case 0x01161970UL:        /* GFS2 */
+    case 0xca451a4eUL:        /* bcachefs */
+        return KEEPS_ALL;
+    default:
+        return KEEPS_UNIX;
+    }
+}
+
+const struct volume_capabilities *utils_volume_capabilities(const char *path, int32_t device)
+{
+    if (device < 0) {
+        struct stat status;
+        if (lstat(path, &status) < 0) {
+            utils_report_path(path, 222);
+            return NULL;
+        }
+        device = utils_device_number(status.st_dev);
+    }
+    for (int i = 0; i < 2; i++)
+        if (cache[i].device == device && cache[i].common != 0)
+            return &cache[i];
+
+    /* The object itself, not what a final symbolic link points to. */
+    const int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        utils_report_path(path, 234);
+        return NULL;
+    }
+    struct statfs fs;
+    struct stat status;
+    if (fstatfs(fd, &fs) < 0 || fstat(fd, &status) < 0) {
+        utils_report_path(path, 239);
+        close(fd);
+        return NULL;
+    }
+    close(fd);
+    queries++;
+    const int64_t common = capabilities_of(&fs, status.st_dev);
+    if (common < 0)
+        return NULL;
+    last_written ^= 1;
+    cache[last_written].common = (uint32_t)common;
+    cache[last_written].device = device;
+    return &cache[last_written];
+}
+
+unsigned long utils_volume_capability_queries(void)
+{
+    return queries;
+}
+
+void utils_volume_capabilities_reset(void)
+{
+    memset(cache, 0, sizeof cache);
+    last_written = 1;
+    queries = 0;
+}

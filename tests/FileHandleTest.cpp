@@ -1,0 +1,95 @@
+// QZ::availableDataOrError on pipes, files and devices: data, end of file, interrupted reads
+// and real failures.
+#include <QZApp/QZFileHandleExtensions.h>
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryFile>
+
+#include <cerrno>
+#include <csignal>
+#include <thread>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+
+TEST(AvailableData, ReadsWhatAPipeHoldsThenEmptyDataAtItsEndThenAnError)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_EQ(write(ends[1], "first", 5), 5);
+    QZ::ReadError error;
+    EXPECT_EQ(QZ::availableDataOrError(ends[0], &error), QByteArray("first"));
+    close(ends[1]);
+    const QByteArray end = QZ::availableDataOrError(ends[0], &error);
+    EXPECT_TRUE(end.isEmpty());
+    EXPECT_FALSE(end.isNull());
+    // A read that fails (here of a pipe's closed read end) is an error value.
+    close(ends[0]);
+    const QByteArray failed = QZ::availableDataOrError(ends[0], &error);
+    EXPECT_TRUE(failed.isNull());
+    EXPECT_EQ(error.code, EBADF);
+    EXPECT_FALSE(error.description.isEmpty());
+}
+
+TEST(AvailableData, ReadsAFileFromItsPositionToItsEnd)
+{
+    QTemporaryFile file;
+    ASSERT_TRUE(file.open());
+    const QByteArray content(200000, 'q');
+    file.write(content);
+    file.flush();
+    const int fd = open(file.fileName().toUtf8().constData(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(lseek(fd, 1000, SEEK_SET), 1000);
+    EXPECT_EQ(QZ::availableDataOrError(fd), content.mid(1000));
+    close(fd);
+    ASSERT_TRUE(file.seek(100));
+    EXPECT_EQ(QZ::availableDataOrError(&file), content.mid(100));
+}
+
+TEST(AvailableData, AReadInterruptedByASignalIsMadeAgain)
+{
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);   // no SA_RESTART: the read fails with EINTR
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const pthread_t reader = pthread_self();
+    std::thread writer([&] {
+        usleep(100000);
+        pthread_kill(reader, SIGUSR1);
+        usleep(100000);
+        (void)!write(ends[1], "late", 4);
+    });
+    QZ::ReadError error;
+    const QByteArray data = QZ::availableDataOrError(ends[0], &error);
+    writer.join();
+    EXPECT_EQ(data, QByteArray("late"));
+    EXPECT_EQ(error.code, 0);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(AvailableData, WaitsForAProcessAndSeesItsEnd)
+{
+    QProcess process;
+    process.start(QStringLiteral("/bin/sh"), { QStringLiteral("-c"), QStringLiteral("sleep 0.1; printf hello") });
+    ASSERT_TRUE(process.waitForStarted());
+    QByteArray all;
+    for (int i = 0; i < 10 && all != "hello"; i++)
+        all += QZ::availableDataOrError(&process);
+    EXPECT_EQ(all, QByteArray("hello"));
+    process.waitForFinished();
+    const QByteArray end = QZ::availableDataOrError(&process);
+    EXPECT_TRUE(end.isEmpty());
+    EXPECT_FALSE(end.isNull());
+    QFile closed;
+    EXPECT_TRUE(QZ::availableDataOrError(&closed).isNull());
+}
+
+} // namespace

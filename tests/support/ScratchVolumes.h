@@ -1,0 +1,91 @@
+// Real file systems for the file tests: a scratch folder on ext4, a size-limited tmpfs and a FAT
+// image on a loop device, each removed again when it goes out of scope. The tests' main gives
+// every test process a mount namespace of its own, so a mount that a crash leaves behind goes
+// with the process.
+#pragma once
+
+#include <QZApp/utils.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace qztest {
+
+// The result of a program or of a function run in a child process.
+struct ChildResult {
+    int status = -1;     // exit status, or -1 when killed
+    std::string out, err;
+};
+
+// Runs a program (found along PATH) and waits for it.
+ChildResult runProgram(const std::vector<std::string> &argv);
+// Runs `body` in a forked child that first drops to `uid` and `gid` (no supplementary groups);
+// the child's exit status is what `body` returns.
+ChildResult runAs(uid_t uid, gid_t gid, const std::function<int()> &body);
+// True when the tests run as the superuser in a private mount namespace.
+bool canMount();
+
+// A fresh folder, deleted with everything in it (flags that stop a removal cleared) at the end.
+class ScratchFolder
+{
+public:
+    ScratchFolder();
+    ~ScratchFolder();
+    ScratchFolder(const ScratchFolder &) = delete;
+    ScratchFolder &operator=(const ScratchFolder &) = delete;
+    const std::string &path() const { return m_path; }
+    std::string operator/(const std::string &name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+// A mounted volume: ext4 (the temporary folder itself when it is ext4, an image otherwise), a
+// tmpfs of `bytes`, or a FAT image (through FUSE: the kernel here has no FAT driver). Unmounted,
+// and its loop device released, when the object goes; check ok() after making one.
+class ScratchVolume
+{
+public:
+    enum Kind { Ext4, Tmpfs, Fat };
+    explicit ScratchVolume(Kind kind, unsigned long long bytes = 64ull << 20);
+    ~ScratchVolume();
+    ScratchVolume(const ScratchVolume &) = delete;
+    ScratchVolume &operator=(const ScratchVolume &) = delete;
+    bool ok() const { return m_ok; }
+    const std::string &path() const { return m_root; }
+    std::string operator/(const std::string &name) const { return m_root + "/" + name; }
+
+private:
+    bool mountImage(Kind kind);
+
+    ScratchFolder m_home;
+    std::string m_root;
+    pid_t m_fuse = -1;
+    bool m_mounted = false, m_ok = false;
+};
+
+void writeFile(const std::string &path, const std::string &content, mode_t mode = 0644);
+std::string readFile(const std::string &path);
+bool exists(const std::string &path);   // without following a final link
+mode_t modeOf(const std::string &path); // lstat's st_mode
+bool isImmutable(const std::string &path);
+void setImmutable(const std::string &path, bool on);
+std::map<std::string, std::string> userAttributes(const std::string &path);   // name -> value
+std::string aclText(const std::string &path, bool defaultList = false);
+
+// A copy made with copy_file: its result, errno and what it reported.
+struct CopyOutcome {
+    bool ok = false;
+    int error = 0;
+    std::string err;
+};
+CopyOutcome copyCapturingReports(const std::string &source, const std::string &destination,
+                                 const copy_file_options *options);
+
+} // namespace qztest
