@@ -69,6 +69,10 @@ demo() {
     "$qzutil" version compare 10.0 9.0
     "$qzutil" version parse '1.0.7 (48)'
     "$qzutil" version os
+    printf 'Man' | "$qzutil" base64
+    printf 'secret' | "$qzutil" encrypt --cipher blowfish --key 00112233445566778899aabbccddeeff \
+        | "$qzutil" decrypt --cipher blowfish --key 00112233445566778899aabbccddeeff
+    echo
     { set +x; } 2>/dev/null
 }
 

@@ -6,6 +6,10 @@
 
 #include <QRandomGenerator>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 namespace {
 
 const QByteArray kPlainText("The quick brown fox jumps over the lazy dog");
@@ -218,6 +222,28 @@ TEST(Ciphers, KeysAndVectorsAreCutOrPaddedWithZeros)
     EXPECT_EQ(encrypt(kPlainText, QZCipher3DES, QZCipherModeCBC, options), threeKey);
     options.insert(QZ3DESKeyCountKey, 2);
     EXPECT_NE(encrypt(kPlainText, QZCipher3DES, QZCipherModeCBC, options), threeKey);
+}
+
+// The first use of each back end (the OpenSSL context, the RC5 registration) may come from
+// several threads at once.
+TEST(Ciphers, FirstUseFromSeveralThreads)
+{
+    std::atomic<int> wrong { 0 };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&wrong] {
+            for (const KnownAnswer &k : kKnownAnswers) {
+                if (k.mode != QZCipherModeCBC || k.keyCount)
+                    continue;
+                const QVariantMap options = keyAndVector(kKey24.left(k.keyLength));
+                if (encrypt(kPlainText, k.cipher, k.mode, options) != QByteArray::fromHex(k.cipherText))
+                    ++wrong;
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0);
 }
 
 } // namespace

@@ -25,7 +25,8 @@ SecretBytes::SecretBytes(QByteArrayView given, qsizetype length)
 
 SecretBytes::~SecretBytes()
 {
-    explicit_bzero(m_bytes.data(), m_bytes.size());
+    if (!m_bytes.empty())
+        explicit_bzero(m_bytes.data(), m_bytes.size());
 }
 
 std::optional<QByteArray> bytesOption(const QVariantMap &options, const QString &key)
