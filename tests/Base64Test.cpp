@@ -78,20 +78,26 @@ TEST(Base64, SkippedCharactersAnywhereInLongText)
     }
 }
 
-// The six-bit value of a character in either alphabet, or -1.
-int sixBits(char16_t c)
+// The text's characters of either alphabet, in the standard one; everything else left out.
+QByteArray standardCharacters(const QString &text)
 {
-    static const QByteArray standard("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/");
-    static const QByteArray urlSafe("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_");
-    const qsizetype i = c < 128 ? standard.indexOf(char(c)) : -1;
-    return i >= 0 ? int(i) : c < 128 ? int(urlSafe.indexOf(char(c))) : -1;
+    QByteArray kept;
+    for (const QChar c : text) {
+        const char16_t u = c.unicode();
+        if ((u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || (u >= '0' && u <= '9') || u == '+' || u == '/')
+            kept += char(u);
+        else if (u == '-' || u == '_')
+            kept += u == '-' ? '+' : '/';
+    }
+    return kept;
 }
 
 // Every character value (every byte, and samples above U+00FF) in every position of a block of
-// the vector path and of the table path decodes as its six bits or is skipped.
+// the vector path and of the table path decodes as its six bits or is skipped: the result is
+// Qt's decoding of the text's alphabet characters alone.
 TEST(Base64, EveryCharacterValueInEveryPosition)
 {
-    const QString base = QString::fromLatin1(randomBytes(72, 5).toBase64()).left(96);
+    const QString base = QString::fromLatin1(randomBytes(72, 5).toBase64());
     std::vector<char16_t> values;
     for (char16_t c = 0; c < 256; ++c)
         values.push_back(c);
@@ -101,27 +107,8 @@ TEST(Base64, EveryCharacterValueInEveryPosition)
         for (const qsizetype at : { 0, 1, 15, 16, 31, 32, 33, 63, 95 }) {
             QString text = base;
             text[at] = QChar(c);
-            QByteArray expected;
-            quint32 bits = 0;
-            int count = 0;
-            for (const QChar x : text) {
-                const int v = sixBits(x.unicode());
-                if (v < 0)
-                    continue;
-                bits = bits << 6 | quint32(v);
-                if (++count == 4) {
-                    expected += char(bits >> 16);
-                    expected += char(bits >> 8);
-                    expected += char(bits);
-                    count = 0;
-                    bits = 0;
-                }
-            }
-            if (count == 3) {
-                expected += char(bits >> 10);
-                expected += char(bits >> 2);
-            }
-            ASSERT_EQ(decodeBoth(text), expected) << "U+" << std::hex << int(c) << " at " << std::dec << at;
+            ASSERT_EQ(decodeBoth(text), QByteArray::fromBase64(standardCharacters(text)))
+                    << "U+" << std::hex << int(c) << " at " << std::dec << at;
         }
     }
 }
