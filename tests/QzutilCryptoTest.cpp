@@ -2,6 +2,8 @@
 // basenc and openssl programs on the same files.
 #include "support/QzutilRunner.h"
 
+#include <QZApp/QZCrypto.h>
+
 #include <gtest/gtest.h>
 
 #include <QFile>
@@ -70,6 +72,30 @@ TEST_F(QzutilCrypto, Base64MatchesTheSystemTools)
     EXPECT_EQ(qzutil({ QStringLiteral("--decode"), encoded }), m_data);
     EXPECT_EQ(qzutil({ QStringLiteral("--decode") }, wrapped72), m_data);
     EXPECT_EQ(qzutil({}, QByteArray()), QByteArray());
+}
+
+// Encoding streams through a buffer of about a megabyte: lines continue across its runs.
+TEST_F(QzutilCrypto, Base64StreamsLargeInput)
+{
+    QByteArray large(3 * 1024 * 1024 + 17, Qt::Uninitialized);
+    QRandomGenerator generator(11);
+    for (char &c : large)
+        c = static_cast<char>(generator.bounded(256));
+    const QString path = write(QStringLiteral("large"), large);
+    const auto qzutil = [&](const QStringList &arguments) {
+        const qztest::ToolResult result = runQzutil(QStringList { QStringLiteral("base64") } + arguments + QStringList { path });
+        EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
+        return result.out;
+    };
+    EXPECT_EQ(qzutil({}), system(QStringLiteral("base64"), { QStringLiteral("-w"), QStringLiteral("72"), path }));
+    EXPECT_EQ(qzutil({ QStringLiteral("--mime") }), QZ::base64Encoded(large, QZ::Base64Alphabet::Standard, 70,
+                                                                   QZ::Base64LineBreak::CarriageReturnLineFeed) + "\r\n");
+    for (const quint32 width : { 3u, 5u, 0xFFFFFFFFu }) {
+        EXPECT_EQ(qzutil({ QStringLiteral("--url"), QStringLiteral("--width"), QString::number(width) }),
+                  QZ::base64Encoded(large, QZ::Base64Alphabet::UrlSafe, width) + "\n") << width;
+    }
+    const qztest::ToolResult decoded = runQzutil({ QStringLiteral("base64"), QStringLiteral("--decode") }, large.toBase64());
+    EXPECT_EQ(decoded.out, large);
 }
 
 TEST_F(QzutilCrypto, Base64RefusesBadUse)

@@ -29,6 +29,63 @@ bool isOption(const QString &word)
     return word.startsWith(QLatin1String("--"));
 }
 
+// Fills `buffer` from `input` up to its size; the number of bytes read (fewer only at the end),
+// or -1 on a read error.
+qint64 readFull(QFile &input, QByteArray &buffer)
+{
+    qint64 filled = 0;
+    while (filled < buffer.size()) {
+        const qint64 got = input.read(buffer.data() + filled, buffer.size() - filled);
+        if (got < 0)
+            return -1;
+        if (got == 0)
+            break;
+        filled += got;
+    }
+    return filled;
+}
+
+// Writes the Base64 text of `input` and a final line break, encoding a run of whole lines at a
+// time so that input of any size streams through a buffer of about a megabyte. A width whose
+// one line would not fit reads the input whole.
+int encodeStream(QFile &input, const QString &name, QZ::Base64Alphabet alphabet, quint32 width,
+                 QZ::Base64LineBreak lineBreak)
+{
+    constexpr qsizetype kChunk = 1 << 20;
+    const QByteArray breakBytes = lineBreak == QZ::Base64LineBreak::CarriageReturnLineFeed ? "\r\n" : "\n";
+    const qsizetype lineBytes = qsizetype(width < 4 ? 1 : width / 4) * 3;
+    bool wrote = false;
+    const auto encode = [&](QByteArrayView run) {
+        // Each run ends with a whole line; a width below 4 starts every group with its break.
+        if (wrote && width >= 4)
+            writeOut(breakBytes);
+        const QByteArray text = QZ::base64Encoded(run, alphabet, width, lineBreak);
+        writeOut(text);
+        wrote = true;
+        return !text.isNull();
+    };
+
+    if (lineBytes > kChunk) {
+        const QByteArray whole = input.readAll();
+        if (input.error() != QFileDevice::NoError)
+            return fail(QStringLiteral("%1: %2").arg(name, input.errorString()));
+        if (!whole.isEmpty() && !encode(whole))
+            return fail(QStringLiteral("%1: too large to encode").arg(name));
+    } else {
+        QByteArray buffer(kChunk / lineBytes * lineBytes, Qt::Uninitialized);
+        for (qint64 length = buffer.size(); length == buffer.size();) {
+            length = readFull(input, buffer);
+            if (length < 0)
+                return fail(QStringLiteral("%1: %2").arg(name, input.errorString()));
+            if (length > 0)
+                encode(QByteArrayView(buffer.constData(), length));
+        }
+    }
+    if (wrote)
+        writeOut(breakBytes);
+    return Success;
+}
+
 int base64(const QStringList &arguments)
 {
     bool decode = false;
@@ -61,23 +118,19 @@ int base64(const QStringList &arguments)
         return usage("base64");
 
     QString error;
-    const std::optional<QByteArray> input = readInput(path, &error);
-    if (!input)
-        return fail(error);
     if (decode) {
+        const std::optional<QByteArray> input = readInput(path, &error);
+        if (!input)
+            return fail(error);
         writeOut(QZ::dataWithBase64(QByteArrayView(*input)));
         return Success;
     }
-    const QByteArray text = QZ::base64Encoded(
-            *input, url ? QZ::Base64Alphabet::UrlSafe : QZ::Base64Alphabet::Standard,
-            static_cast<quint32>(width.value_or(mime ? 70 : 72)),
-            mime ? QZ::Base64LineBreak::CarriageReturnLineFeed : QZ::Base64LineBreak::LineFeed);
-    if (text.isNull())
-        return fail(QStringLiteral("the input is too large to encode"));
-    writeOut(text);
-    if (!text.isEmpty())
-        writeOut(mime ? QByteArrayLiteral("\r\n") : QByteArrayLiteral("\n"));
-    return Success;
+    QFile input;
+    if (!openInput(input, path, &error))
+        return fail(error);
+    return encodeStream(input, inputName(path), url ? QZ::Base64Alphabet::UrlSafe : QZ::Base64Alphabet::Standard,
+                        static_cast<quint32>(width.value_or(mime ? 70 : 72)),
+                        mime ? QZ::Base64LineBreak::CarriageReturnLineFeed : QZ::Base64LineBreak::LineFeed);
 }
 
 // A name from the table, or a decimal number (a signed 32-bit value).
