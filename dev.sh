@@ -75,6 +75,10 @@ demo() {
     "$qzutil" copy --recursive "$scratch/folder" "$scratch/copy"
     "$qzutil" run /bin/cat "$scratch/copy/file"
     "$qzutil" delete "$scratch"
+    printf 'Man' | "$qzutil" base64
+    printf 'secret' | "$qzutil" encrypt --cipher blowfish --key 00112233445566778899aabbccddeeff \
+        | "$qzutil" decrypt --cipher blowfish --key 00112233445566778899aabbccddeeff
+    echo
     { set +x; } 2>/dev/null
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QFile>
 #include <QString>
 #include <QStringList>
 
@@ -38,6 +39,10 @@ void writeOut(const QByteArray &bytes);
 // Standard output, one line of text in UTF-8.
 void printLine(const QString &line);
 
+// Opens a file, or standard input for "-" or an empty path, for reading.
+bool openInput(QFile &file, const QString &path, QString *error);
+// The name of an input in messages: the path, or "standard input".
+QString inputName(const QString &path);
 // Reads a whole file, or standard input for "-" or an empty path.
 std::optional<QByteArray> readInput(const QString &path, QString *error);
 

@@ -57,20 +57,29 @@ void printLine(const QString &line)
     writeOut(line.toUtf8() + '\n');
 }
 
-std::optional<QByteArray> readInput(const QString &path, QString *error)
+bool openInput(QFile &file, const QString &path, QString *error)
 {
-    QFile file;
     const bool opened = path.isEmpty() || path == QLatin1String("-")
             ? file.open(stdin, QIODevice::ReadOnly)
             : (file.setFileName(path), file.open(QIODevice::ReadOnly));
-    if (!opened) {
+    if (!opened)
         *error = QStringLiteral("%1: %2").arg(path, file.errorString());
+    return opened;
+}
+
+QString inputName(const QString &path)
+{
+    return path.isEmpty() || path == QLatin1String("-") ? QStringLiteral("standard input") : path;
+}
+
+std::optional<QByteArray> readInput(const QString &path, QString *error)
+{
+    QFile file;
+    if (!openInput(file, path, error))
         return std::nullopt;
-    }
     QByteArray bytes = file.readAll();
     if (file.error() != QFileDevice::NoError) {
-        *error = QStringLiteral("%1: %2").arg(path.isEmpty() ? QStringLiteral("standard input") : path,
-                                              file.errorString());
+        *error = QStringLiteral("%1: %2").arg(inputName(path), file.errorString());
         return std::nullopt;
     }
     return bytes;

@@ -1,4 +1,5 @@
 // A program outside the project that uses the installed framework.
+#include <QZApp/QZCrypto.h>
 #include <QZApp/QZStringExtensions.h>
 #include <QZApp/QZVersion.h>
 #include <QZApp/utils.h>
@@ -14,6 +15,7 @@ int main()
     const bool quoteOk = QZ::stringWithArgumentArray({ QStringLiteral("a b") }) == QStringLiteral("a\\ b");
     const bool versionOk = QZVersion::versionFromString(QStringLiteral("1.2"))->compare(
                                    *QZVersion::versionFromString(QStringLiteral("1.10"))) == 1;
-    std::printf("%d %d %d\n", pathOk, quoteOk, versionOk);
-    return pathOk && quoteOk && versionOk ? 0 : 1;
+    const bool base64Ok = QZ::base64("Man") == QStringLiteral("TWFu");
+    std::printf("%d %d %d %d\n", pathOk, quoteOk, versionOk, base64Ok);
+    return pathOk && quoteOk && versionOk && base64Ok ? 0 : 1;
 }
