@@ -293,7 +293,8 @@ void server_handle(struct server *server)
             server->start += line_length + 1;
             continue;
         }
-        if (request.has_data && request.data_length > HELPER_MAX_REQUEST_DATA) {
+        if (line_length > HELPER_MAX_REQUEST_LINE
+            || (request.has_data && request.data_length > HELPER_MAX_REQUEST_DATA)) {
             reply(server, request.id, E2BIG, 0, NULL, 0);
             server->start += line_length + 1;
             server->skip_data = request.data_length;

@@ -10,6 +10,10 @@
 
 #include <stddef.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 struct helper_args {
     int argc;
     char **argv;      /* argc strings, then a null pointer */
@@ -24,5 +28,9 @@ int helper_split(const char *line, size_t length, struct helper_args *args);
 
 /* Releases what helper_split() allocated; `args` may be empty. */
 void helper_args_free(struct helper_args *args);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif /* QZHELPER_SPLIT_H */
