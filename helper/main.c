@@ -38,6 +38,9 @@ int main(void)
     int status = 0;
     for (;;) {
         server_handle(&server);
+        /* Answer at once; wait for the socket only when it is full. */
+        if (!outbox_empty(&server.out) && outbox_send(&server.out, STDOUT_FILENO, 0) != 0)
+            break;   /* the client is gone */
         struct pollfd watched[2] = {
             { .fd = STDIN_FILENO, .events = POLLIN },
             { .fd = STDOUT_FILENO, .events = outbox_empty(&server.out) ? 0 : POLLOUT },

@@ -38,16 +38,28 @@ int outbox_empty(const struct outbox *box)
     return box->head == NULL;
 }
 
-/* One sendmsg of what is left of `message`, with its descriptor the first time. */
-static ssize_t send_part(int socket, struct outbox_message *message, int wait)
+/* The most messages one sendmsg gathers. */
+#define OUTBOX_GATHER 64
+
+/* One sendmsg of what is left of the first messages: a message that carries a descriptor
+ * starts a send of its own, and the descriptor goes with its first byte. */
+static ssize_t send_some(int socket, struct outbox_message *first, int wait)
 {
-    struct iovec part = { message->bytes + message->offset, message->length - message->offset };
+    struct iovec parts[OUTBOX_GATHER];
+    size_t count = 0;
+    for (struct outbox_message *message = first; message && count < OUTBOX_GATHER; message = message->next) {
+        if (message != first && message->fd >= 0)
+            break;
+        parts[count].iov_base = message->bytes + message->offset;
+        parts[count].iov_len = message->length - message->offset;
+        count++;
+    }
     union {
         struct cmsghdr header;
         char space[CMSG_SPACE(sizeof(int))];
     } control;
-    struct msghdr header = { .msg_iov = &part, .msg_iovlen = 1 };
-    if (message->fd >= 0) {
+    struct msghdr header = { .msg_iov = parts, .msg_iovlen = count };
+    if (first->fd >= 0) {
         memset(&control, 0, sizeof(control));
         header.msg_control = control.space;
         header.msg_controllen = sizeof(control.space);
@@ -55,7 +67,7 @@ static ssize_t send_part(int socket, struct outbox_message *message, int wait)
         rights->cmsg_level = SOL_SOCKET;
         rights->cmsg_type = SCM_RIGHTS;
         rights->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(rights), &message->fd, sizeof(int));
+        memcpy(CMSG_DATA(rights), &first->fd, sizeof(int));
     }
     return sendmsg(socket, &header, MSG_NOSIGNAL | (wait ? 0 : MSG_DONTWAIT));
 }
@@ -63,27 +75,32 @@ static ssize_t send_part(int socket, struct outbox_message *message, int wait)
 int outbox_send(struct outbox *box, int socket, int wait)
 {
     while (box->head) {
-        struct outbox_message *message = box->head;
-        if (message->offset < message->length) {
-            const ssize_t sent = send_part(socket, message, wait);
-            if (sent < 0 && errno == EINTR)
-                continue;
-            if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && !wait)
-                return 0;
-            if (sent < 0)
-                return -1;
-            message->offset += (size_t)sent;
-            if (message->fd >= 0) {
-                close(message->fd);   /* the receiver has its own reference now */
-                message->fd = -1;
-            }
-            if (message->offset < message->length)
-                continue;
+        const ssize_t result = send_some(socket, box->head, wait);
+        if (result < 0 && errno == EINTR)
+            continue;
+        if (result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && !wait)
+            return 0;
+        if (result < 0)
+            return -1;
+        if (box->head->fd >= 0) {
+            close(box->head->fd);   /* the receiver has its own reference now */
+            box->head->fd = -1;
         }
-        box->head = message->next;
+        /* Retire what was sent whole; the rest of a message stays at the head. */
+        size_t sent = (size_t)result;
+        while (box->head) {
+            struct outbox_message *message = box->head;
+            const size_t left = message->length - message->offset;
+            if (sent < left) {
+                message->offset += sent;
+                break;
+            }
+            sent -= left;
+            box->head = message->next;
+            free(message);
+        }
         if (!box->head)
             box->tail = NULL;
-        free(message);
     }
     return 0;
 }

@@ -59,6 +59,12 @@ bool QZHelperCommand::retainedDelegate() const
     return m_retainedDelegateFlag;
 }
 
+void QZHelperCommand::setStatus(qint32 status)
+{
+    m_status.store(status, std::memory_order_release);
+    m_status.notify_all();
+}
+
 qint32 QZHelperCommand::getStatus()
 {
     QZHelperTool::sharedInstance()->waitForCommandResponse(shared_from_this());

@@ -65,8 +65,9 @@ public:
     void setCommandID(quint32 commandID) { m_commandID.store(commandID, std::memory_order_relaxed); }
 
     // Status: NoReply until the reply, or the loss of the helper, is recorded.
-    qint32 status() const { return m_status.load(std::memory_order_relaxed); }   // does not wait
-    void setStatus(qint32 status) { m_status.store(status, std::memory_order_relaxed); }
+    qint32 status() const { return m_status.load(std::memory_order_acquire); }   // does not wait
+    // Stores the status and wakes whoever waits for this command's reply.
+    void setStatus(qint32 status);
     // Waits for the reply (or the loss of the helper) through the shared QZHelperTool.
     qint32 getStatus();
 

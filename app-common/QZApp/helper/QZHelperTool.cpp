@@ -36,20 +36,40 @@ constexpr size_t kDataChunk = 64 * 1024;
 std::mutex hookMutex;
 std::function<void()> receiverThreadHook;   // guarded by hookMutex
 
-// Writes all of `length` bytes; a dead peer gives EPIPE instead of SIGPIPE.
-bool sendAll(int socket, const char *bytes, size_t length)
+// Writes all of `length` bytes, then all of `moreLength` bytes, in as few system calls as the
+// socket allows; a dead peer gives EPIPE instead of SIGPIPE.
+bool sendAll(int socket, const char *bytes, size_t length, const char *more = nullptr, size_t moreLength = 0)
 {
-    while (length > 0) {
-        const ssize_t sent = send(socket, bytes, length, MSG_NOSIGNAL);
+    iovec parts[2] = { { const_cast<char *>(bytes), length }, { const_cast<char *>(more), moreLength } };
+    msghdr message {};
+    message.msg_iov = parts;
+    message.msg_iovlen = moreLength ? 2 : 1;
+    while (message.msg_iovlen > 0) {
+        const ssize_t sent = sendmsg(socket, &message, MSG_NOSIGNAL);
         if (sent < 0 && errno == EINTR)
             continue;
         if (sent <= 0)
             return false;
-        bytes += sent;
-        length -= static_cast<size_t>(sent);
+        auto left = static_cast<size_t>(sent);
+        while (message.msg_iovlen > 0 && left >= message.msg_iov->iov_len) {
+            left -= message.msg_iov->iov_len;
+            ++message.msg_iov;
+            --message.msg_iovlen;
+        }
+        if (message.msg_iovlen > 0) {
+            message.msg_iov->iov_base = static_cast<char *>(message.msg_iov->iov_base) + left;
+            message.msg_iov->iov_len -= left;
+        }
     }
     return true;
 }
+
+// A reply the receiver has read and not yet recorded.
+struct Completion {
+    std::shared_ptr<QZHelperCommand> command;
+    qint32 status;
+    bool fileDescriptorAvailable;
+};
 
 void closeDescriptorsIn(const cmsghdr *message)
 {
@@ -81,11 +101,13 @@ public:
     bool launchLocked(const QByteArray &path, int *helperEnd);
     void startReceiverLocked();
     void receiveThread(int socket);
-    bool handleLine(int socket, char *buffer, size_t *held, qint32 *status);
+    bool handleLine(int socket, char *buffer, size_t *held, qint32 *status, std::vector<Completion> *replies);
+    void complete(std::vector<Completion> *replies);
+    bool connectionAliveLocked();
     void takeDescriptors(msghdr *message);
     void deliverDescriptor(int fd);
     void endOfStream();
-    bool sendLocked(const QByteArray &bytes) { return helperPipe != -1 && sendAll(helperPipe, bytes.constData(), static_cast<size_t>(bytes.size())); }
+    static void notifyFinished(const std::shared_ptr<QZHelperCommand> &command);
     std::shared_ptr<QZHelperCommand> runningCommandLocked(quint32 commandID) const;
 
     QZHelperTool *const q;
@@ -125,6 +147,13 @@ bool QZHelperToolPrivate::helperRunningLocked()
         return false;
     }
     return true;
+}
+
+// True while this connection is usable as far as is known: its receiver has not seen its end
+// (a helper that died meanwhile shows as a failed write or as the end of the stream).
+bool QZHelperToolPrivate::connectionAliveLocked()
+{
+    return helperPipe != -1 && !connectionEnded && (receiveThreadRunning || helperRunningLocked());
 }
 
 // Waits for the helper process to exit and reaps it.
@@ -245,13 +274,15 @@ void QZHelperToolPrivate::receiveThread(int socket)
     char buffer[kLineBuffer];
     size_t held = 0;
     qint32 status = 0;   // kept from line to line: a REPLY must always carry its status
+    std::vector<Completion> replies;   // recorded together, with one broadcast, before reading on
     for (;;) {
         buffer[held] = '\0';
         if (std::memchr(buffer, '\n', held)) {
-            if (!handleLine(socket, buffer, &held, &status))
+            if (!handleLine(socket, buffer, &held, &status, &replies))
                 break;
             continue;
         }
+        complete(&replies);
         if (held == HELPER_MAX_LINE) {
             QZLog(QStringLiteral("Unexpected reply from helper: %1").arg(lineText(buffer)));
             held = 0;
@@ -273,12 +304,32 @@ void QZHelperToolPrivate::receiveThread(int socket)
             break;
         held += static_cast<size_t>(received);
     }
+    complete(&replies);
     endOfStream();
+}
+
+// Records the replies read so far: statuses and flags under the lock, one broadcast, then the
+// finish notices.
+void QZHelperToolPrivate::complete(std::vector<Completion> *replies)
+{
+    if (replies->empty())
+        return;
+    lock.lock();
+    for (const Completion &reply : *replies) {
+        reply.command->setFileDescriptorAvailable(reply.fileDescriptorAvailable);
+        reply.command->setStatus(reply.status);
+    }
+    lock.unlock();
+    lock.broadcast();
+    for (const Completion &reply : *replies)
+        notifyFinished(reply.command);
+    replies->clear();
 }
 
 // Handles the first line in `buffer` and removes it (and any reply data taken from the buffer).
 // False when the connection ended while reply data was being read.
-bool QZHelperToolPrivate::handleLine(int socket, char *buffer, size_t *held, qint32 *status)
+bool QZHelperToolPrivate::handleLine(int socket, char *buffer, size_t *held, qint32 *status,
+                                     std::vector<Completion> *replies)
 {
     char *newline = static_cast<char *>(std::memchr(buffer, '\n', *held));
     *newline = '\0';
@@ -311,6 +362,7 @@ bool QZHelperToolPrivate::handleLine(int socket, char *buffer, size_t *held, qin
 
     if (std::strcmp(kind, "PROGRESS") == 0) {
         lock.unlock();
+        complete(replies);   // a delegate may take its time: record earlier replies first
         // glibc records the offset even when nothing follows the word: no text, no progress.
         if (textOffset != 0 && buffer[textOffset] != '\0')
             command->progress(QString::fromUtf8(buffer + textOffset));
@@ -342,6 +394,8 @@ bool QZHelperToolPrivate::handleLine(int socket, char *buffer, size_t *held, qin
         QByteArray data(buffer + consumed, static_cast<qsizetype>(buffered));
         consumed += buffered;
         finish();
+        if (static_cast<size_t>(data.size()) < wanted)
+            complete(replies);   // record earlier replies before waiting for the rest
         while (static_cast<size_t>(data.size()) < wanted) {
             const size_t have = static_cast<size_t>(data.size());
             const size_t chunk = std::min(wanted - have, kDataChunk);
@@ -353,7 +407,7 @@ bool QZHelperToolPrivate::handleLine(int socket, char *buffer, size_t *held, qin
             }
             if (got <= 0) {
                 // The partial data is dropped; the caller must not wait for ever.
-                q->command(command, QZHelperCommand::Failed, false);
+                replies->push_back({ command, QZHelperCommand::Failed, false });
                 return false;
             }
             data.resize(static_cast<qsizetype>(have + static_cast<size_t>(got)));
@@ -368,7 +422,7 @@ bool QZHelperToolPrivate::handleLine(int socket, char *buffer, size_t *held, qin
                 "QZHelperTool::receiveThread", q, kSourceUnit, 356, QStringLiteral("Helper returned invalid error!"));
         finalStatus = QZHelperCommand::Failed;   // a host handler returned: the command fails
     }
-    q->command(command, finalStatus, size == -1);
+    replies->push_back({ command, finalStatus, size == -1 });
     return true;
 }
 
@@ -488,6 +542,12 @@ std::shared_ptr<QZAuthorization> QZHelperTool::authorization()
 
 bool QZHelperTool::startHelper()
 {
+    d->lock.lock();
+    const bool alive = d->connectionAliveLocked();
+    d->lock.unlock();
+    if (alive)
+        return true;
+
     const std::shared_ptr<QZAuthorization> authorization = this->authorization();
     if (!authorization)
         return false;
@@ -495,7 +555,7 @@ bool QZHelperTool::startHelper()
 
     d->lock.lock();
     for (;;) {
-        if (d->helperPipe != -1 && !d->connectionEnded && d->helperRunningLocked()) {
+        if (d->connectionAliveLocked()) {
             d->lock.unlock();
             return true;
         }
@@ -594,8 +654,9 @@ bool QZHelperTool::issue(const std::shared_ptr<QZHelperCommand> &command)
     if (dataLength != 0)
         line += '+' + QByteArray::number(dataLength);
     line += ' ' + text + '\n';
-    bool written = d->sendLocked(line)
-            && (dataLength == 0 || sendAll(d->helperPipe, data.constData(), dataLength));
+    // The line and its data leave in one system call when the socket takes them.
+    bool written = sendAll(d->helperPipe, line.constData(), static_cast<size_t>(line.size()),
+                           data.constData(), dataLength);
     if (written && !d->receiveThreadRunning) {
         try {
             d->startReceiverLocked();
@@ -627,12 +688,15 @@ std::shared_ptr<QZHelperCommand> QZHelperTool::issueCommand(const QString &comma
     return issue(command) ? command : nullptr;
 }
 
+// A reply wakes only those waiting for its command: they sleep on the command's status word
+// (which is written under the lock, like every other field the receiver changes), so callers
+// on many threads do not all wake for every reply.
 void QZHelperTool::waitForCommandResponse(const std::shared_ptr<QZHelperCommand> &command)
 {
-    d->lock.lock();
-    while (command->commandID() != 0 && command->status() == QZHelperCommand::NoReply)
-        d->lock.wait();
-    d->lock.unlock();
+    if (command->commandID() == 0)
+        return;   // never sent: there is no reply to wait for
+    while (command->status() == QZHelperCommand::NoReply)
+        command->m_status.wait(QZHelperCommand::NoReply, std::memory_order_acquire);
 }
 
 int QZHelperTool::getFileDescriptorForCommand(const std::shared_ptr<QZHelperCommand> &command)
@@ -696,10 +760,16 @@ void QZHelperTool::command(const std::shared_ptr<QZHelperCommand> &command, qint
     d->lock.unlock();
     d->lock.broadcast();
 
+    QZHelperToolPrivate::notifyFinished(command);
+}
+
+// Queues the delegate's finish notice to the main thread; a delegate owned by a
+// std::shared_ptr stays alive until the notice has run.
+void QZHelperToolPrivate::notifyFinished(const std::shared_ptr<QZHelperCommand> &command)
+{
     QZHelperToolDelegate *delegate = command->delegate();
     if (!delegate)
         return;
-    // A delegate owned by a std::shared_ptr stays alive until the notice has run.
     QZ::performOnMainThread([command, delegate, keep = delegate->weak_from_this().lock()] {
         delegate->helperToolCommandDidFinish(command);
     });
