@@ -239,8 +239,10 @@ long server_read(struct server *server, int socket)
 void server_handle(struct server *server)
 {
     for (;;) {
-        char *bytes = server->in + server->start;
         const size_t held = server->end - server->start;
+        if (held == 0)
+            return;
+        char *bytes = server->in + server->start;
         if (server->skip_data > 0) {
             const size_t dropped = server->skip_data < held ? (size_t)server->skip_data : held;
             server->start += dropped;

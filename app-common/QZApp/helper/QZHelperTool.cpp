@@ -71,6 +71,30 @@ struct Completion {
     bool fileDescriptorAvailable;
 };
 
+// A command's finish notice, with its delegate taken before the status is published: a caller
+// that wakes up may let go of its delegate at once.
+struct FinishNotice {
+    explicit FinishNotice(const std::shared_ptr<QZHelperCommand> &finished)
+        : command(finished), delegate(finished->delegate())
+        , keep(delegate ? delegate->weak_from_this().lock() : nullptr)
+    {
+    }
+    // Queues the notice to the main thread; a delegate owned by a std::shared_ptr stays alive
+    // until it has run.
+    void post() const
+    {
+        if (!delegate)
+            return;
+        QZ::performOnMainThread([command = command, delegate = delegate, keep = keep] {
+            delegate->helperToolCommandDidFinish(command);
+        });
+    }
+
+    std::shared_ptr<QZHelperCommand> command;
+    QZHelperToolDelegate *delegate;
+    std::shared_ptr<QZHelperToolDelegate> keep;
+};
+
 void closeDescriptorsIn(const cmsghdr *message)
 {
     if (message->cmsg_level != SOL_SOCKET || message->cmsg_type != SCM_RIGHTS)
@@ -107,7 +131,6 @@ public:
     void takeDescriptors(msghdr *message);
     void deliverDescriptor(int fd);
     void endOfStream();
-    static void notifyFinished(const std::shared_ptr<QZHelperCommand> &command);
     std::shared_ptr<QZHelperCommand> runningCommandLocked(quint32 commandID) const;
 
     QZHelperTool *const q;
@@ -314,6 +337,10 @@ void QZHelperToolPrivate::complete(std::vector<Completion> *replies)
 {
     if (replies->empty())
         return;
+    std::vector<FinishNotice> notices;
+    notices.reserve(replies->size());
+    for (const Completion &reply : *replies)
+        notices.emplace_back(reply.command);
     lock.lock();
     for (const Completion &reply : *replies) {
         reply.command->setFileDescriptorAvailable(reply.fileDescriptorAvailable);
@@ -321,8 +348,8 @@ void QZHelperToolPrivate::complete(std::vector<Completion> *replies)
     }
     lock.unlock();
     lock.broadcast();
-    for (const Completion &reply : *replies)
-        notifyFinished(reply.command);
+    for (const FinishNotice &notice : notices)
+        notice.post();
     replies->clear();
 }
 
@@ -754,25 +781,13 @@ void QZHelperTool::abortCommand(const std::shared_ptr<QZHelperCommand> &command)
 
 void QZHelperTool::command(const std::shared_ptr<QZHelperCommand> &command, qint32 status, bool fileDescriptorAvailable)
 {
+    const FinishNotice notice(command);
     d->lock.lock();
     command->setFileDescriptorAvailable(fileDescriptorAvailable);
     command->setStatus(status);
     d->lock.unlock();
     d->lock.broadcast();
-
-    QZHelperToolPrivate::notifyFinished(command);
-}
-
-// Queues the delegate's finish notice to the main thread; a delegate owned by a
-// std::shared_ptr stays alive until the notice has run.
-void QZHelperToolPrivate::notifyFinished(const std::shared_ptr<QZHelperCommand> &command)
-{
-    QZHelperToolDelegate *delegate = command->delegate();
-    if (!delegate)
-        return;
-    QZ::performOnMainThread([command, delegate, keep = delegate->weak_from_this().lock()] {
-        delegate->helperToolCommandDidFinish(command);
-    });
+    notice.post();
 }
 
 qint32 QZHelperTool::performCommand(const QString &commandString, QZHelperToolDelegate *delegate, int *fd,
