@@ -69,6 +69,9 @@ demo() {
     "$qzutil" version compare 10.0 9.0
     "$qzutil" version parse '1.0.7 (48)'
     "$qzutil" version os
+    scratch=$(mktemp)
+    "$qzutil" helper unlink "$scratch"
+    "$qzutil" auth-cat /etc/os-release
     { set +x; } 2>/dev/null
 }
 

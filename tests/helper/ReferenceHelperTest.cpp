@@ -8,12 +8,16 @@
 #include <acl/libacl.h>
 #include <sys/acl.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 
 using qztest::kNobody;
+
+extern "C" int32_t c_echo(const char *text, void **reply, uint32_t *length);
+extern "C" int c_open_and_unlink(const char *path);
 
 namespace {
 
@@ -164,6 +168,19 @@ TEST(ReferenceHelper, EchoReturnsTheRequestData)
         EXPECT_EQ(command->getStatus(), 0);
         EXPECT_EQ(command->data(), data);
     }
+}
+
+TEST(ReferenceHelper, PlainInterfaceWorksFromC)
+{
+    Workspace workspace;
+    void *reply = nullptr;
+    uint32_t length = 0;
+    EXPECT_EQ(c_echo("from C", &reply, &length), 0);
+    EXPECT_EQ(QByteArray(static_cast<const char *>(reply), length), QByteArray("from C"));
+    std::free(reply);
+    const QByteArray file = workspace.write("file", "text", 0644);
+    EXPECT_EQ(c_open_and_unlink(file.constData()), 0);
+    EXPECT_FALSE(QFile::exists(QFile::decodeName(file)));
 }
 
 // The deployment shape: a client without privileges, a launcher that runs the helper as root.
