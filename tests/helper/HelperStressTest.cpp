@@ -1,15 +1,13 @@
-// The channel under restarts and under load while its helper is killed: every call returns,
-// and neither descriptors nor child processes pile up.
+// The channel under restarts and under load while its helper is killed: every call returns
+// (a call that hangs shows as the test's time-out), and neither descriptors nor child
+// processes pile up.
 #include "HelperTestSupport.h"
 
 #include <QZApp/helper/helper_command.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <cstdio>
-#include <mutex>
 #include <thread>
 
 namespace {
@@ -30,37 +28,6 @@ qint32 echo(const QByteArray &data, QByteArray *reply)
     return status;
 }
 
-// Ends the process with a message if `done` is not set within `seconds`: a hang is a failure.
-class Watchdog
-{
-public:
-    explicit Watchdog(int seconds)
-        : m_thread([this, seconds] {
-              std::unique_lock lock(m_mutex);
-              if (!m_done.wait_for(lock, std::chrono::seconds(seconds), [this] { return m_finished; })) {
-                  std::fprintf(stderr, "watchdog: calls still blocked after %d seconds\n", seconds);
-                  std::abort();
-              }
-          })
-    {
-    }
-    ~Watchdog()
-    {
-        {
-            std::lock_guard lock(m_mutex);
-            m_finished = true;
-        }
-        m_done.notify_all();
-        m_thread.join();
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_finished = false;
-    std::thread m_thread;
-};
-
 TEST(HelperStress, HundredRestartsLeaveNoDescriptorsOrChildrenBehind)
 {
     tool()->setHelperPath(QStringLiteral(QZHELPER_PATH));
@@ -70,7 +37,6 @@ TEST(HelperStress, HundredRestartsLeaveNoDescriptorsOrChildrenBehind)
     const int descriptors = qztest::openDescriptorCount();
     ASSERT_TRUE(qztest::hasNoChildren());
 
-    Watchdog watchdog(120);
     int succeeded = 0;
     for (int i = 0; i < 100; ++i) {
         const qint32 status = echo(QByteArray::number(i), &reply);
@@ -101,7 +67,6 @@ TEST(HelperStress, EightThreadsLoseNoCallWhileTheHelperIsKilled)
     constexpr int kThreads = 8, kCalls = 400;
     std::atomic<int> succeeded { 0 }, failed { 0 }, wrong { 0 }, running { kThreads };
     {
-        Watchdog watchdog(240);
         std::vector<std::thread> callers;
         for (int t = 0; t < kThreads; ++t) {
             callers.emplace_back([&, t] {

@@ -1,7 +1,6 @@
 /* The plain interface used from C: the header compiles as C and a record is filled by hand. */
 #include <QZApp/helper/helper_command.h>
 
-#include <fcntl.h>
 #include <string.h>
 
 int32_t c_echo(const char *text, void **reply, uint32_t *length)
@@ -16,12 +15,4 @@ int32_t c_echo(const char *text, void **reply, uint32_t *length)
     command.data = text;
     command.data_length = (uint32_t)strlen(text);
     return perform_helper_command(&command);
-}
-
-int c_open_and_unlink(const char *path)
-{
-    const int fd = auth_open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
-    return auth_unlink(path);
 }
