@@ -6,8 +6,9 @@
 // the caller, the running list and queued notices, so they live in std::shared_ptr.
 //
 //     auto command = QZHelperCommand::commandWithString(QStringLiteral("unlink /var/lib/app/old"));
-//     if (QZHelperTool::sharedInstance()->issue(command))
-//         qint32 status = command->getStatus();   // blocks until the reply
+//     command->setDelegate(this);                 // progress and a finish notice
+//     QZHelperTool::sharedInstance()->issue(command);
+//     qint32 status = command->getStatus();       // blocks until the reply (or the helper's loss)
 #pragma once
 
 #include <QZApp/QZGlobal.h>

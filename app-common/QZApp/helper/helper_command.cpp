@@ -52,7 +52,7 @@ extern "C" {
 int32_t perform_helper_command(helper_command *record)
 {
     const QString line = commandLine(record);
-    if (line.isNull())
+    if (line.isNull() || (record->reply_data && !record->reply_length))
         return HELPER_STATUS_FAILED;
 
     QZHelperTool *tool = QZHelperTool::sharedInstance();

@@ -37,7 +37,8 @@ struct helper_command {
     int32_t *fd;                  /* if not null: receives the descriptor the helper offers */
     void **reply_data;            /* if not null: a malloc'ed copy of the reply data (free it),
                                      or null when there is none */
-    uint32_t *reply_length;       /* the reply data's length; required with reply_data */
+    uint32_t *reply_length;       /* the reply data's length; required with reply_data (without
+                                     it the command is not sent and the result is 10002) */
     helper_progress_callback progress;   /* may be null */
     void *context;                /* passed back to progress unchanged */
     uint32_t data_length;         /* bytes of data to send after the command line; 0 = none */
