@@ -3,7 +3,8 @@
 // The channel sends "echo" with a 14-byte block to the reference helper and gets the block
 // back; D-Bus calls echo(QString) with the same text on an object in a second process, over a
 // private dbus-daemon bus. Each side runs from 1 and from 8 calling threads for a fixed time;
-// the table gives round trips per second and the median and 99th percentile latency.
+// the table gives round trips per second and the median and 99th percentile latency. The two
+// sides take turns of half a second, so that both meet the same load on a shared machine.
 //
 //   helper_bench [SECONDS]            (default 3 seconds per measurement)
 //   helper_bench --echo-server ADDRESS   the D-Bus side's second process (internal)
@@ -41,15 +42,25 @@ public slots:
     QString echo(const QString &text) { return text; }
 };
 
-struct Result {
-    double perSecond = 0;
-    double p50 = 0;   // microseconds
-    double p99 = 0;
+// What a series of measurements of one kind of call gathered.
+struct Samples {
+    std::vector<double> latencies;   // microseconds
+    double seconds = 0;
     long failures = 0;
+
+    double perSecond() const { return seconds > 0 ? static_cast<double>(latencies.size()) / seconds : 0; }
+    double percentile(size_t percent)
+    {
+        if (latencies.empty())
+            return 0;
+        std::sort(latencies.begin(), latencies.end());
+        return latencies[std::min(latencies.size() - 1, latencies.size() * percent / 100)];
+    }
 };
 
-// Runs `call` from `threads` threads for `seconds`; a call returns false when it failed.
-Result measure(int threads, double seconds, const std::function<bool()> &call)
+// Runs `call` from `threads` threads for `seconds` and adds what it saw to `samples`; a call
+// returns false when it failed.
+void measure(int threads, double seconds, const std::function<bool()> &call, Samples *samples)
 {
     std::vector<std::vector<double>> latencies(static_cast<size_t>(threads));
     std::atomic<long> failures { 0 };
@@ -59,7 +70,7 @@ Result measure(int threads, double seconds, const std::function<bool()> &call)
     for (int t = 0; t < threads; ++t) {
         workers.emplace_back([&, t] {
             auto &mine = latencies[static_cast<size_t>(t)];
-            mine.reserve(1 << 20);
+            mine.reserve(1 << 18);
             while (!stop.load(std::memory_order_relaxed)) {
                 const auto before = std::chrono::steady_clock::now();
                 if (!call())
@@ -72,18 +83,10 @@ Result measure(int threads, double seconds, const std::function<bool()> &call)
     stop = true;
     for (std::thread &worker : workers)
         worker.join();
-    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-
-    std::vector<double> all;
+    samples->seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     for (const auto &each : latencies)
-        all.insert(all.end(), each.begin(), each.end());
-    std::sort(all.begin(), all.end());
-    Result result;
-    result.perSecond = static_cast<double>(all.size()) / elapsed;
-    result.p50 = all.empty() ? 0 : all[all.size() / 2];
-    result.p99 = all.empty() ? 0 : all[std::min(all.size() - 1, all.size() * 99 / 100)];
-    result.failures = failures;
-    return result;
+        samples->latencies.insert(samples->latencies.end(), each.begin(), each.end());
+    samples->failures += failures;
 }
 
 bool channelEcho()
@@ -164,11 +167,16 @@ int run(double seconds)
     std::printf("|---|---|---|---|---|---|---|---|\n");
     bool failed = false;
     for (const int threads : { 1, 8 }) {
-        const Result channel = measure(threads, seconds, channelEcho);
-        const Result dbus = measure(threads, seconds, dbusEcho);
+        // Half-second turns, taken in alternation, so that both sides meet the same machine.
+        Samples channel, dbus;
+        const int turns = std::max(1, static_cast<int>(seconds / 0.5));
+        for (int turn = 0; turn < turns; ++turn) {
+            measure(threads, seconds / turns, channelEcho, &channel);
+            measure(threads, seconds / turns, dbusEcho, &dbus);
+        }
         std::printf("| %d | %.0f | %.1f µs | %.1f µs | %.0f | %.1f µs | %.1f µs | %.1f× |\n", threads,
-                    channel.perSecond, channel.p50, channel.p99, dbus.perSecond, dbus.p50, dbus.p99,
-                    channel.perSecond / dbus.perSecond);
+                    channel.perSecond(), channel.percentile(50), channel.percentile(99), dbus.perSecond(),
+                    dbus.percentile(50), dbus.percentile(99), channel.perSecond() / dbus.perSecond());
         std::fflush(stdout);
         failed = failed || channel.failures > 0 || dbus.failures > 0;
     }
