@@ -79,6 +79,9 @@ demo() {
     printf 'secret' | "$qzutil" encrypt --cipher blowfish --key 00112233445566778899aabbccddeeff \
         | "$qzutil" decrypt --cipher blowfish --key 00112233445566778899aabbccddeeff
     echo
+    scratch=$(mktemp)
+    "$qzutil" helper unlink "$scratch"
+    "$qzutil" auth-cat /etc/os-release
     { set +x; } 2>/dev/null
 }
 

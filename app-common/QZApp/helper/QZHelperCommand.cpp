@@ -1,0 +1,127 @@
+#include "QZHelperCommand.h"
+
+#include "QZHelperTool.h"
+
+#include <QZApp/QZMainThread.h>
+
+QZHelperToolDelegate::~QZHelperToolDelegate() = default;
+
+void QZHelperToolDelegate::helperToolCommand(const std::shared_ptr<QZHelperCommand> &, const QString &)
+{
+}
+
+void QZHelperToolDelegate::helperToolCommandDidFinish(const std::shared_ptr<QZHelperCommand> &)
+{
+}
+
+std::shared_ptr<QZHelperCommand> QZHelperCommand::commandWithString(const QString &commandString)
+{
+    return std::shared_ptr<QZHelperCommand>(new QZHelperCommand(commandString));
+}
+
+QZHelperCommand::QZHelperCommand(const QString &commandString)
+    : m_commandString(commandString)
+{
+}
+
+QZHelperCommand::~QZHelperCommand() = default;
+
+QZHelperToolDelegate *QZHelperCommand::delegate() const
+{
+    std::lock_guard guard(m_fieldsMutex);
+    return m_delegate;
+}
+
+void QZHelperCommand::setDelegate(QZHelperToolDelegate *delegate)
+{
+    std::shared_ptr<QZHelperToolDelegate> released;   // let go outside the lock
+    std::lock_guard guard(m_fieldsMutex);
+    if (m_retainedDelegateFlag) {
+        released = std::move(m_retainedDelegate);
+        m_retainedDelegateFlag = false;
+    }
+    m_delegate = delegate;
+}
+
+void QZHelperCommand::retainDelegate()
+{
+    std::lock_guard guard(m_fieldsMutex);
+    if (m_retainedDelegateFlag)
+        return;
+    if (m_delegate)
+        m_retainedDelegate = m_delegate->weak_from_this().lock();
+    m_retainedDelegateFlag = true;
+}
+
+bool QZHelperCommand::retainedDelegate() const
+{
+    std::lock_guard guard(m_fieldsMutex);
+    return m_retainedDelegateFlag;
+}
+
+void QZHelperCommand::setStatus(qint32 status)
+{
+    m_status.store(status, std::memory_order_release);
+    m_status.notify_all();
+}
+
+qint32 QZHelperCommand::getStatus()
+{
+    QZHelperTool::sharedInstance()->waitForCommandResponse(shared_from_this());
+    return status();
+}
+
+QByteArray QZHelperCommand::data() const
+{
+    std::lock_guard guard(m_fieldsMutex);
+    return m_data;
+}
+
+void QZHelperCommand::setData(const QByteArray &data)
+{
+    std::lock_guard guard(m_fieldsMutex);
+    m_data = data;
+}
+
+int QZHelperCommand::getFileDescriptor()
+{
+    return QZHelperTool::sharedInstance()->getFileDescriptorForCommand(shared_from_this());
+}
+
+void QZHelperCommand::abort()
+{
+    QZHelperTool::sharedInstance()->abortCommand(shared_from_this());
+}
+
+QByteArray QZHelperCommand::commandData() const
+{
+    std::lock_guard guard(m_fieldsMutex);
+    return m_commandData;
+}
+
+void QZHelperCommand::setCommandData(const QByteArray &data)
+{
+    std::lock_guard guard(m_fieldsMutex);
+    m_commandData = data;
+}
+
+void QZHelperCommand::progress(const QString &text)
+{
+    QZHelperToolDelegate *target = delegate();
+    if (!target)
+        return;
+    if (!progressOnMainThread()) {
+        target->helperToolCommand(shared_from_this(), text);
+        return;
+    }
+    // A delegate owned by a std::shared_ptr stays alive until the queued call has run.
+    QZ::performOnMainThread([command = shared_from_this(), text, keep = target->weak_from_this().lock()] {
+        command->progressMT(text);
+    });
+}
+
+void QZHelperCommand::progressMT(const QString &text)
+{
+    if (QZHelperToolDelegate *target = delegate())
+        target->helperToolCommand(shared_from_this(), text);
+}

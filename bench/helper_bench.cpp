@@ -1,0 +1,200 @@
+// Round trips through the helper channel against D-Bus method calls, in one run.
+//
+// The channel sends "echo" with a 14-byte block to the reference helper and gets the block
+// back; D-Bus calls echo(QString) with the same text on an object in a second process, over a
+// private dbus-daemon bus. Each side runs from 1 and from 8 calling threads for a fixed time;
+// the table gives round trips per second and the median and 99th percentile latency. The two
+// sides take turns of half a second, so that both meet the same load on a shared machine.
+//
+//   helper_bench [SECONDS]            (default 3 seconds per measurement)
+//   helper_bench --echo-server ADDRESS   the D-Bus side's second process (internal)
+#include <QZApp/helper/QZHelperTool.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const QString kService = QStringLiteral("org.qzapp.bench");
+const QString kInterface = QStringLiteral("org.qzapp.bench.Echo");
+const QByteArray kPayload = "hello, helper!";
+
+class Echo : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.qzapp.bench.Echo")
+public slots:
+    QString echo(const QString &text) { return text; }
+};
+
+// What a series of measurements of one kind of call gathered.
+struct Samples {
+    std::vector<double> latencies;   // microseconds
+    double seconds = 0;
+    long failures = 0;
+
+    double perSecond() const { return seconds > 0 ? static_cast<double>(latencies.size()) / seconds : 0; }
+    double percentile(size_t percent)
+    {
+        if (latencies.empty())
+            return 0;
+        std::sort(latencies.begin(), latencies.end());
+        return latencies[std::min(latencies.size() - 1, latencies.size() * percent / 100)];
+    }
+};
+
+// Runs `call` from `threads` threads for `seconds` and adds what it saw to `samples`; a call
+// returns false when it failed.
+void measure(int threads, double seconds, const std::function<bool()> &call, Samples *samples)
+{
+    std::vector<std::vector<double>> latencies(static_cast<size_t>(threads));
+    std::atomic<long> failures { 0 };
+    std::atomic<bool> stop { false };
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            auto &mine = latencies[static_cast<size_t>(t)];
+            mine.reserve(1 << 18);
+            while (!stop.load(std::memory_order_relaxed)) {
+                const auto before = std::chrono::steady_clock::now();
+                if (!call())
+                    ++failures;
+                mine.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - before).count());
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    stop = true;
+    for (std::thread &worker : workers)
+        worker.join();
+    samples->seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    for (const auto &each : latencies)
+        samples->latencies.insert(samples->latencies.end(), each.begin(), each.end());
+    samples->failures += failures;
+}
+
+bool channelEcho()
+{
+    const auto command = QZHelperCommand::commandWithString(QStringLiteral("echo"));
+    command->setCommandData(kPayload);
+    return QZHelperTool::sharedInstance()->issue(command) && command->getStatus() == 0 && command->data() == kPayload;
+}
+
+int echoServer(const QString &address)
+{
+    QDBusConnection connection = QDBusConnection::connectToBus(address, QStringLiteral("echo-server"));
+    Echo echo;
+    if (!connection.isConnected() || !connection.registerObject(QStringLiteral("/echo"), &echo, QDBusConnection::ExportAllSlots)
+        || !connection.registerService(kService)) {
+        std::fprintf(stderr, "helper_bench: the echo server cannot register: %s\n",
+                     qPrintable(connection.lastError().message()));
+        return 1;
+    }
+    return QCoreApplication::exec();
+}
+
+int run(double seconds)
+{
+    // A private bus, and the echo object in a second process.
+    QTemporaryDir dir;
+    QFile config(dir.filePath(QStringLiteral("bus.conf")));
+    if (!config.open(QIODevice::WriteOnly))
+        return 1;
+    config.write("<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                 " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                 "<busconfig><type>session</type><listen>unix:dir=" + QFile::encodeName(dir.path()) + "</listen>"
+                 "<auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\"/>"
+                 "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>\n");
+    config.close();
+    QProcess daemon;
+    daemon.start(QStringLiteral("dbus-daemon"), { QStringLiteral("--config-file=") + config.fileName(),
+                                                  QStringLiteral("--nofork"), QStringLiteral("--print-address") });
+    if (!daemon.waitForStarted() || !daemon.waitForReadyRead(10000)) {
+        std::fprintf(stderr, "helper_bench: dbus-daemon did not start (install the dbus package)\n");
+        return 1;
+    }
+    const QString address = QString::fromUtf8(daemon.readLine().trimmed());
+    QProcess server;
+    server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    server.start(QCoreApplication::applicationFilePath(), { QStringLiteral("--echo-server"), address });
+    QDBusConnection connection = QDBusConnection::connectToBus(address, QStringLiteral("client"));
+    const auto finish = [&](int status) {
+        QDBusConnection::disconnectFromBus(QStringLiteral("client"));
+        QZHelperTool::sharedInstance()->terminateHelper();
+        server.kill();
+        server.waitForFinished();
+        daemon.kill();
+        daemon.waitForFinished();
+        return status;
+    };
+    for (int i = 0; i < 1000 && !connection.interface()->isServiceRegistered(kService); ++i)
+        QThread::msleep(10);
+    if (!connection.interface()->isServiceRegistered(kService)) {
+        std::fprintf(stderr, "helper_bench: the echo server did not appear on the bus\n");
+        return finish(1);
+    }
+    const auto dbusEcho = [&connection] {
+        QDBusMessage call = QDBusMessage::createMethodCall(kService, QStringLiteral("/echo"), kInterface, QStringLiteral("echo"));
+        call << QString::fromLatin1(kPayload);
+        const QDBusMessage reply = connection.call(call);
+        return reply.type() == QDBusMessage::ReplyMessage && reply.arguments().value(0).toString() == QLatin1String(kPayload);
+    };
+
+    QZHelperTool *tool = QZHelperTool::sharedInstance();
+    tool->setHelperPath(QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("qzhelper")));
+    if (!channelEcho() || !dbusEcho()) {
+        std::fprintf(stderr, "helper_bench: a first round trip failed\n");
+        return finish(1);
+    }
+
+    std::printf("| Calling threads | Helper channel round trips/s | p50 | p99 | D-Bus round trips/s | p50 | p99 | Ratio |\n");
+    std::printf("|---|---|---|---|---|---|---|---|\n");
+    bool failed = false;
+    for (const int threads : { 1, 8 }) {
+        // Half-second turns, taken in alternation, so that both sides meet the same machine.
+        Samples channel, dbus;
+        const int turns = std::max(1, static_cast<int>(seconds / 0.5));
+        for (int turn = 0; turn < turns; ++turn) {
+            measure(threads, seconds / turns, channelEcho, &channel);
+            measure(threads, seconds / turns, dbusEcho, &dbus);
+        }
+        std::printf("| %d | %.0f | %.1f µs | %.1f µs | %.0f | %.1f µs | %.1f µs | %.1f× |\n", threads,
+                    channel.perSecond(), channel.percentile(50), channel.percentile(99), dbus.perSecond(),
+                    dbus.percentile(50), dbus.percentile(99), channel.perSecond() / dbus.perSecond());
+        std::fflush(stdout);
+        failed = failed || channel.failures > 0 || dbus.failures > 0;
+    }
+    if (failed)
+        std::fprintf(stderr, "helper_bench: some round trips failed\n");
+    return finish(failed ? 1 : 0);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.size() == 3 && arguments[1] == QLatin1String("--echo-server"))
+        return echoServer(arguments[2]);
+    const double seconds = arguments.size() > 1 ? arguments[1].toDouble() : 3.0;
+    return run(seconds > 0 ? seconds : 3.0);
+}
+
+#include "helper_bench.moc"

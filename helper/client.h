@@ -1,0 +1,24 @@
+/* Who the helper serves: the socket peer, checked against its authorization block. */
+#ifndef QZHELPER_CLIENT_H
+#define QZHELPER_CLIENT_H
+
+#include <QZApp/helper/helper_protocol.h>
+
+#include <stddef.h>
+#include <sys/types.h>
+
+struct helper_client {
+    pid_t pid;
+    uid_t uid;
+    gid_t gid;
+};
+
+/* Reads the 32-byte authorization block from `socket` and compares it with the peer's
+ * credentials (SO_PEERCRED) and that process's start time. Returns 0 and fills `client`, or -1
+ * with a one-line reason in `reason`. */
+int helper_accept_client(int socket, struct helper_client *client, char *reason, size_t size);
+
+/* The start time of process `pid` (field 22 of /proc/PID/stat), or 0 with errno set. */
+unsigned long long helper_process_start_time(pid_t pid);
+
+#endif /* QZHELPER_CLIENT_H */

@@ -1,0 +1,37 @@
+/* The command words the helper carries out. */
+#ifndef QZHELPER_COMMANDS_H
+#define QZHELPER_COMMANDS_H
+
+#include "client.h"
+
+#include <stddef.h>
+
+struct helper_result {
+    int status;          /* 0 or an errno value */
+    int fd;              /* a descriptor to offer (REPLY size -1), or -1 */
+    const void *data;    /* reply data, or null */
+    size_t length;
+};
+
+/* Carries out one command:
+ *   access PATH FLAGS MODE KIND [EXTRA]  open(2) with FLAGS and MODE (hexadecimal); KIND 1
+ *                                        gives a file it creates to the client, 2 keeps it the
+ *                                        helper's; EXTRA is reserved. Offers the descriptor.
+ *   chown PATH UID GID                   lchown(2)
+ *   unlink PATH                          unlink(2)
+ *   authorise PATH PERMS UID             adds PERMS (hexadecimal, r 4 w 2 x 1) to user UID's
+ *                                        access control list entry
+ *   revoke UID PATH                      removes user UID's entry
+ *   authorise_global PATH PERMS          adds PERMS (decimal) to the entry of all other users
+ *   echo                                 replies with the request's data
+ * An unknown word or malformed arguments give EINVAL. A final symbolic link is never followed
+ * except by access, which opens what open(2) opens. */
+void helper_run_command(const struct helper_client *client, int argc, char **argv,
+                        const void *data, size_t length, struct helper_result *result);
+
+/* The access control list commands (acl.c). Each returns 0 or an errno value. */
+int helper_authorise(const char *path, unsigned perms, unsigned long uid);
+int helper_revoke(const char *path, unsigned long uid);
+int helper_authorise_global(const char *path, unsigned perms);
+
+#endif /* QZHELPER_COMMANDS_H */

@@ -1,0 +1,44 @@
+/* The helper's side of the wire protocol: request lines and their data in; REPLY lines, reply
+ * data and descriptors out. */
+#ifndef QZHELPER_SERVER_H
+#define QZHELPER_SERVER_H
+
+#include "client.h"
+#include "outbox.h"
+
+#include <stddef.h>
+#include <stdint.h>
+
+/* The longest request line accepted (a longer one is answered with E2BIG), and the largest
+ * data block (a larger one is read, dropped and answered with E2BIG). */
+#define HELPER_MAX_REQUEST_LINE (64 * 1024)
+#define HELPER_MAX_REQUEST_DATA (64 * 1024 * 1024)
+
+struct held_descriptor {
+    uint32_t id;
+    int fd;
+};
+
+struct server {
+    struct helper_client client;
+    char *in;                         /* received bytes not yet handled: in[start..end) */
+    size_t start, end, capacity;
+    int skipping_line;                /* dropping the rest of a line that is too long */
+    unsigned long long skip_after_line;   /* data bytes that follow that line */
+    unsigned long long skip_data;     /* data bytes still to drop */
+    struct outbox out;
+    struct held_descriptor *held;     /* descriptors offered and not yet fetched */
+    size_t held_count, held_capacity;
+};
+
+void server_init(struct server *server, const struct helper_client *client);
+void server_free(struct server *server);
+
+/* Reads what `socket` has now, without waiting. Returns 1 while input goes on, 0 at its end,
+ * or -1 with errno set. */
+long server_read(struct server *server, int socket);
+
+/* Handles every complete request received so far, queueing the answers. */
+void server_handle(struct server *server);
+
+#endif /* QZHELPER_SERVER_H */

@@ -1,0 +1,94 @@
+// Shared pieces of the helper channel's tests: a scripted fake helper, descriptor and child
+// counting, and running code as an unprivileged user in a forked child.
+#pragma once
+
+#include "support/TestSupport.h"
+
+#include <QZApp/helper/QZHelperTool.h>
+#include <QZApp/helper/QZHelperTool_p.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qztest {
+
+constexpr uid_t kNobody = 65534;
+
+// A fake helper (tests/helper/fake_helper.c) driven by a script; see that file for the actions.
+// The shared tool starts it from now on; destroying the object stops it.
+class FakeHelper
+{
+public:
+    explicit FakeHelper(const QByteArray &script)
+    {
+        m_dir.setAutoRemove(true);
+        chmod(QFile::encodeName(m_dir.path()).constData(), 0777);   // also for a child that dropped root
+        setScript(script);
+        setenv("QZ_FAKE_HELPER_DIR", QFile::encodeName(m_dir.path()).constData(), 1);
+        QZHelperTool::sharedInstance()->setHelperPath(QStringLiteral(FAKE_HELPER_PATH));
+    }
+    ~FakeHelper() { QZHelperTool::sharedInstance()->terminateHelper(); }
+    Q_DISABLE_COPY_MOVE(FakeHelper)
+
+    // The script of every run, or of run `run` (1 for the first helper started, ...).
+    void setScript(const QByteArray &script, int run = 0) const
+    {
+        QFile file(m_dir.filePath(run ? QStringLiteral("script.%1").arg(run) : QStringLiteral("script")));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(script);
+    }
+    // Everything run `run` read, authorization block included; null when it never ran.
+    QByteArray record(int run = 1) const
+    {
+        QFile file(m_dir.filePath(QStringLiteral("record.%1").arg(run)));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+    // What run `run` read after the authorization block.
+    QByteArray requests(int run = 1) const { return record(run).mid(32); }
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+
+private:
+    QTemporaryDir m_dir;
+};
+
+// The number of descriptors the process holds.
+inline int openDescriptorCount()
+{
+    return static_cast<int>(QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System).size());
+}
+
+// True when the process has no child at all (none running, no zombie).
+inline bool hasNoChildren()
+{
+    int status = 0;
+    return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
+}
+
+// Runs `body` in a forked child that dropped to user and group 65534; returns its exit
+// status (the value `body` returned), or -1 when it did not exit normally. Fork before the
+// parent starts a helper: the child must not inherit a running connection.
+inline int runAsNobody(const std::function<int()> &body)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
+            _exit(120);
+        _exit(body());
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child)
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+} // namespace qztest
