@@ -107,9 +107,17 @@ private:
     friend class QZHelperToolPrivate;
     explicit QZHelperCommand(const QString &commandString);
 
+    // The channel records a status under its lock with publishStatus() and wakes the waiters
+    // with wakeStatusWaiters() once the lock is released, so that a woken caller does not run
+    // into the lock. sleepUntilStatus() sleeps until the status is no longer NoReply.
+    void publishStatus(qint32 status);
+    void wakeStatusWaiters();
+    void sleepUntilStatus();
+
     const QString m_commandString;
     std::atomic<quint32> m_commandID { 0 };
     std::atomic<qint32> m_status { NoReply };
+    std::atomic<int> m_statusSleepers { 0 };   // threads asleep (or going to sleep) on m_status
     std::atomic<bool> m_fileDescriptorAvailable { false };
     std::atomic<bool> m_progressOnMainThread { false };
     std::atomic<bool> m_aborted { false };

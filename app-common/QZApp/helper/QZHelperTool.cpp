@@ -7,8 +7,12 @@
 #include <QZApp/QZMainThread.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <climits>
+#include <initializer_list>
+#include <iterator>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +22,8 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
 #include <pthread.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -32,18 +38,30 @@ constexpr const char *kSourceUnit = "app-common/QZApp/helper/QZHelperTool";
 constexpr size_t kLineBuffer = HELPER_MAX_LINE + 1;   // a line and the terminating zero
 constexpr size_t kControlBuffer = 128;
 constexpr size_t kDataChunk = 64 * 1024;
+constexpr int kYieldsWhileOthersWait = 8;
 
 std::mutex hookMutex;
 std::function<void()> receiverThreadHook;   // guarded by hookMutex
 
-// Writes all of `length` bytes, then all of `moreLength` bytes, in as few system calls as the
+// A run of bytes to send.
+struct Bytes {
+    const char *bytes;
+    size_t length;
+};
+
+// Writes all of the given runs of bytes (at most four), in order, in as few system calls as the
 // socket allows; a dead peer gives EPIPE instead of SIGPIPE.
-bool sendAll(int socket, const char *bytes, size_t length, const char *more = nullptr, size_t moreLength = 0)
+bool sendAll(int socket, std::initializer_list<Bytes> runs)
 {
-    iovec parts[2] = { { const_cast<char *>(bytes), length }, { const_cast<char *>(more), moreLength } };
+    iovec parts[4];
+    if (runs.size() > std::size(parts))
+        return false;
     msghdr message {};
     message.msg_iov = parts;
-    message.msg_iovlen = moreLength ? 2 : 1;
+    for (const Bytes &run : runs) {
+        if (run.length != 0)
+            parts[message.msg_iovlen++] = { const_cast<char *>(run.bytes), run.length };
+    }
     while (message.msg_iovlen > 0) {
         const ssize_t sent = sendmsg(socket, &message, MSG_NOSIGNAL);
         if (sent < 0 && errno == EINTR)
@@ -112,6 +130,87 @@ QString lineText(const char *line)
     return QString::fromUtf8(line);
 }
 
+// Tells the processor that this thread is polling (and lets a sibling hardware thread run).
+inline void cpuRelax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
+// True when this process may run on more than one processor.
+bool severalProcessors()
+{
+    cpu_set_t allowed;
+    return sched_getaffinity(0, sizeof allowed, &allowed) == 0 && CPU_COUNT(&allowed) > 1;
+}
+
+// How the receiver waits for input. It does not sleep in recvmsg: a thread asleep in a read on
+// a Unix socket is also woken each time the peer takes in bytes that this side wrote (the
+// socket's write-space wake-up), that is once for every request, whereas poll() wakes only for
+// input. And right after input came it polls for a short while before it sleeps: a caller
+// that has just had its reply usually sends the next request at once, and on a machine whose
+// other processors are idle, waking a sleeping thread (and the idle processor under it) costs
+// more than the helper's whole answer. It does so only while at most one caller waits, on a
+// machine with more than one processor, and only while that pays: when most recent rounds
+// ended with nothing read (a busy machine, where a polling thread holds up the helper and the
+// callers), it polls in one round of 64 only.
+class InputWait
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // Notes that input came now.
+    void received() { m_lastInput = Clock::now(); }
+    // Returns when the socket has input (or has ended); `waitingCallers` callers wait for replies.
+    void wait(int socket, int waitingCallers);
+
+private:
+    static constexpr auto kLinger = std::chrono::microseconds(60);
+    static constexpr int kFailureScale = 1024;
+    static constexpr int kMostFailures = kFailureScale * 3 / 10;   // linger while fewer fail
+    static constexpr unsigned kProbeEvery = 64;
+
+    bool poll(int socket, Clock::time_point until);
+
+    const bool m_canLinger = severalProcessors();
+    Clock::time_point m_lastInput = Clock::now();
+    int m_failures = 0;          // recent rounds that read nothing, in 1/kFailureScale (moving average)
+    unsigned m_declined = 0;     // rounds passed over since the last one tried
+};
+
+void InputWait::wait(int socket, int waitingCallers)
+{
+    const Clock::time_point until = m_lastInput + kLinger;
+    if (m_canLinger && waitingCallers <= 1 && Clock::now() < until
+            && (m_failures < kMostFailures || ++m_declined % kProbeEvery == 0)) {
+        const bool arrived = poll(socket, until);
+        m_failures += ((arrived ? 0 : kFailureScale) - m_failures) / 16;
+        if (arrived)
+            return;
+    }
+    pollfd watched { socket, POLLIN, 0 };
+    while (::poll(&watched, 1, -1) < 0 && errno == EINTR) {
+    }
+}
+
+// Polls the socket without sleeping until it has input (true) or `until` has passed (false).
+bool InputWait::poll(int socket, Clock::time_point until)
+{
+    pollfd watched { socket, POLLIN, 0 };
+    for (unsigned i = 1;; ++i) {
+        cpuRelax();
+        if (i % 16 != 0)
+            continue;
+        if (::poll(&watched, 1, 0) != 0)
+            return true;
+        if (Clock::now() >= until)
+            return false;
+    }
+}
+
 } // namespace
 
 class QZHelperToolPrivate
@@ -152,6 +251,8 @@ public:
     bool receiveThreadRunning = false;
     std::thread::id receiverThread;
     int liveReceiverThreads = 0;     // receiver threads that may still touch this object
+
+    std::atomic<int> waitingCallers { 0 };   // callers in waitForCommandResponse(); not under `lock`
 };
 
 // True while the helper process lives, reaping it once it has exited.
@@ -298,6 +399,7 @@ void QZHelperToolPrivate::receiveThread(int socket)
     size_t held = 0;
     qint32 status = 0;   // kept from line to line: a REPLY must always carry its status
     std::vector<Completion> replies;   // recorded together, with one broadcast, before reading on
+    InputWait input;
     for (;;) {
         buffer[held] = '\0';
         if (std::memchr(buffer, '\n', held)) {
@@ -318,9 +420,15 @@ void QZHelperToolPrivate::receiveThread(int socket)
         message.msg_iovlen = 1;
         message.msg_control = control;
         message.msg_controllen = sizeof control;
-        const ssize_t received = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+        const ssize_t received = recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            input.wait(socket, waitingCallers.load(std::memory_order_relaxed));
+            continue;
+        }
         if (received < 0 && errno == EINTR)
             continue;
+        if (received > 0)
+            input.received();
         if (received > 0)
             takeDescriptors(&message);
         if (received <= 0)
@@ -344,10 +452,12 @@ void QZHelperToolPrivate::complete(std::vector<Completion> *replies)
     lock.lock();
     for (const Completion &reply : *replies) {
         reply.command->setFileDescriptorAvailable(reply.fileDescriptorAvailable);
-        reply.command->setStatus(reply.status);
+        reply.command->publishStatus(reply.status);
     }
     lock.unlock();
     lock.broadcast();
+    for (const Completion &reply : *replies)
+        reply.command->wakeStatusWaiters();   // after the unlock: a woken caller goes straight on
     for (const FinishNotice &notice : notices)
         notice.post();
     replies->clear();
@@ -635,7 +745,7 @@ bool QZHelperTool::startHelper()
         QZLog(QStringLiteral("AuthorizationMakeExternalForm returned %1").arg(error));
         return false;
     }
-    if (!sendAll(d->helperPipe, reinterpret_cast<const char *>(&form), sizeof form)) {
+    if (!sendAll(d->helperPipe, { { reinterpret_cast<const char *>(&form), sizeof form } })) {
         d->terminateHelperLocked();
         d->lock.unlock();
         return false;
@@ -653,11 +763,6 @@ void QZHelperTool::terminateHelper()
 
 bool QZHelperTool::issue(const std::shared_ptr<QZHelperCommand> &command)
 {
-    if (!startHelper())
-        return false;
-    if (command->commandID() != 0)
-        return false;
-
     // The line is what "%u %s\n" makes of it: the text ends at a NUL character.
     QByteArray text = command->commandString().toUtf8();
     if (const qsizetype nul = text.indexOf('\0'); nul >= 0)
@@ -665,8 +770,15 @@ bool QZHelperTool::issue(const std::shared_ptr<QZHelperCommand> &command)
     const QByteArray data = command->commandData();
     const auto dataLength = static_cast<quint32>(data.size());   // only the low 32 bits count
 
+    // While the helper runs, a command takes the lock once.
     d->lock.lock();
-    if (command->commandID() != 0 || d->helperPipe == -1 || d->connectionEnded) {   // lost since startHelper()
+    if (!d->connectionAliveLocked()) {
+        d->lock.unlock();
+        if (!startHelper())
+            return false;
+        d->lock.lock();
+    }
+    if (command->commandID() != 0 || d->helperPipe == -1 || d->connectionEnded) {   // sent before, or lost since startHelper()
         d->lock.unlock();
         return false;
     }
@@ -677,13 +789,14 @@ bool QZHelperTool::issue(const std::shared_ptr<QZHelperCommand> &command)
     command->m_connection = d->connection;
     d->runningCommands.push_back(command);
 
-    QByteArray line = QByteArray::number(commandID);
-    if (dataLength != 0)
-        line += '+' + QByteArray::number(dataLength);
-    line += ' ' + text + '\n';
+    char prefix[32];   // "ID " or "ID+LENGTH "
+    const int prefixLength = dataLength != 0 ? std::snprintf(prefix, sizeof prefix, "%u+%u ", commandID, dataLength)
+                                             : std::snprintf(prefix, sizeof prefix, "%u ", commandID);
     // The line and its data leave in one system call when the socket takes them.
-    bool written = sendAll(d->helperPipe, line.constData(), static_cast<size_t>(line.size()),
-                           data.constData(), dataLength);
+    bool written = sendAll(d->helperPipe, { { prefix, static_cast<size_t>(prefixLength) },
+                                            { text.constData(), static_cast<size_t>(text.size()) },
+                                            { "\n", 1 },
+                                            { data.constData(), dataLength } });
     if (written && !d->receiveThreadRunning) {
         try {
             d->startReceiverLocked();
@@ -717,13 +830,19 @@ std::shared_ptr<QZHelperCommand> QZHelperTool::issueCommand(const QString &comma
 
 // A reply wakes only those waiting for its command: they sleep on the command's status word
 // (which is written under the lock, like every other field the receiver changes), so callers
-// on many threads do not all wake for every reply.
+// on many threads do not all wake for every reply. While other callers wait as well, a caller
+// first gives way to them a few times: the replies of a busy channel come in batches, and a
+// caller that is still runnable when its reply comes needs no wake-up.
 void QZHelperTool::waitForCommandResponse(const std::shared_ptr<QZHelperCommand> &command)
 {
-    if (command->commandID() == 0)
-        return;   // never sent: there is no reply to wait for
-    while (command->status() == QZHelperCommand::NoReply)
-        command->m_status.wait(QZHelperCommand::NoReply, std::memory_order_acquire);
+    if (command->commandID() == 0 || command->status() != QZHelperCommand::NoReply)
+        return;   // never sent (there is no reply to wait for), or answered already
+    if (d->waitingCallers.fetch_add(1, std::memory_order_relaxed) > 0) {
+        for (int i = 0; i < kYieldsWhileOthersWait && command->status() == QZHelperCommand::NoReply; ++i)
+            sched_yield();
+    }
+    command->sleepUntilStatus();
+    d->waitingCallers.fetch_sub(1, std::memory_order_relaxed);
 }
 
 int QZHelperTool::getFileDescriptorForCommand(const std::shared_ptr<QZHelperCommand> &command)
@@ -745,7 +864,7 @@ int QZHelperTool::getFileDescriptorForCommand(const std::shared_ptr<QZHelperComm
         d->lock.wait();
     }
     d->fdResult = &result;
-    if (!sendAll(d->helperPipe, line, std::strlen(line))) {
+    if (!sendAll(d->helperPipe, { { line, std::strlen(line) } })) {
         d->terminateHelperLocked();
         d->fdResult = nullptr;
         d->lock.unlock();
@@ -771,7 +890,7 @@ void QZHelperTool::abortCommand(const std::shared_ptr<QZHelperCommand> &command)
     if (!command->aborted() && command->commandID() != 0 && command->m_connection == d->connection
             && !d->connectionEnded && d->helperPipe != -1
             && (command->status() == QZHelperCommand::NoReply || command->fileDescriptorAvailable())) {
-        if (!sendAll(d->helperPipe, line, std::strlen(line)))
+        if (!sendAll(d->helperPipe, { { line, std::strlen(line) } }))
             d->terminateHelperLocked();
     }
     command->setAborted(true);
@@ -784,9 +903,10 @@ void QZHelperTool::command(const std::shared_ptr<QZHelperCommand> &command, qint
     const FinishNotice notice(command);
     d->lock.lock();
     command->setFileDescriptorAvailable(fileDescriptorAvailable);
-    command->setStatus(status);
+    command->publishStatus(status);
     d->lock.unlock();
     d->lock.broadcast();
+    command->wakeStatusWaiters();
     notice.post();
 }
 
