@@ -19,6 +19,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -38,7 +39,6 @@ constexpr const char *kSourceUnit = "app-common/QZApp/helper/QZHelperTool";
 constexpr size_t kLineBuffer = HELPER_MAX_LINE + 1;   // a line and the terminating zero
 constexpr size_t kControlBuffer = 128;
 constexpr size_t kDataChunk = 64 * 1024;
-constexpr int kYieldsWhileOthersWait = 8;
 
 std::mutex hookMutex;
 std::function<void()> receiverThreadHook;   // guarded by hookMutex
@@ -150,13 +150,21 @@ bool severalProcessors()
 // How the receiver waits for input. It does not sleep in recvmsg: a thread asleep in a read on
 // a Unix socket is also woken each time the peer takes in bytes that this side wrote (the
 // socket's write-space wake-up), that is once for every request, whereas poll() wakes only for
-// input. And right after input came it polls for a short while before it sleeps: a caller
-// that has just had its reply usually sends the next request at once, and on a machine whose
-// other processors are idle, waking a sleeping thread (and the idle processor under it) costs
-// more than the helper's whole answer. It does so only while at most one caller waits, on a
-// machine with more than one processor, and only while that pays: when most recent rounds
-// ended with nothing read (a busy machine, where a polling thread holds up the helper and the
-// callers), it polls in one round of 64 only.
+// input.
+//
+// While at most one caller waits, it may also linger: poll for up to kLinger after input came
+// before it sleeps, since a caller that has just had its reply usually sends the next request
+// at once. On a machine whose other processors are idle, waking a sleeping thread (and the idle
+// processor under it) costs more than the helper's whole answer, and lingering makes a round
+// trip two to three times faster. On a busy machine it would hold up the helper and the
+// caller, so lingering gives way: it yields the processor at once (the helper may have been
+// woken onto this processor) and then every kGiveWay. A yield returns at once unless other
+// work waits for this processor; two yields within kWindow that took long (one alone may be
+// the hypervisor's doing) show a busy machine, and then the receiver does not linger for a
+// while (kCoolDown, doubling up to kLongestCoolDown while the machine stays busy). It also
+// stops lingering while most recent lingers ended with nothing read (callers that pause
+// between commands), then lingers in one round of 64 only. It never lingers on a machine with
+// one processor.
 class InputWait
 {
 public:
@@ -169,46 +177,86 @@ public:
 
 private:
     static constexpr auto kLinger = std::chrono::microseconds(60);
+    static constexpr auto kGiveWay = std::chrono::microseconds(5);
+    static constexpr auto kSlowYield = std::chrono::microseconds(200);
+    static constexpr auto kWindow = std::chrono::milliseconds(20);
+    static constexpr auto kCoolDown = std::chrono::milliseconds(50);
+    static constexpr auto kLongestCoolDown = std::chrono::seconds(2);
     static constexpr int kFailureScale = 1024;
     static constexpr int kMostFailures = kFailureScale * 3 / 10;   // linger while fewer fail
     static constexpr unsigned kProbeEvery = 64;
 
-    bool poll(int socket, Clock::time_point until);
+    enum class Linger { Arrived, Nothing, Busy };
+    Linger linger(int socket, Clock::time_point until);
+    bool giveWay();
 
     const bool m_canLinger = severalProcessors();
     Clock::time_point m_lastInput = Clock::now();
-    int m_failures = 0;          // recent rounds that read nothing, in 1/kFailureScale (moving average)
-    unsigned m_declined = 0;     // rounds passed over since the last one tried
+    int m_failures = 0;          // recent lingers that read nothing, in 1/kFailureScale (moving average)
+    unsigned m_declined = 0;     // lingers passed over since the last one tried
+    Clock::time_point m_lastSlowYield {};
+    Clock::time_point m_busyUntil {};
+    Clock::duration m_coolDown = kCoolDown;
 };
 
 void InputWait::wait(int socket, int waitingCallers)
 {
+    const Clock::time_point now = Clock::now();
     const Clock::time_point until = m_lastInput + kLinger;
-    if (m_canLinger && waitingCallers <= 1 && Clock::now() < until
+    if (m_canLinger && waitingCallers <= 1 && now < until && now >= m_busyUntil
             && (m_failures < kMostFailures || ++m_declined % kProbeEvery == 0)) {
-        const bool arrived = poll(socket, until);
-        m_failures += ((arrived ? 0 : kFailureScale) - m_failures) / 16;
-        if (arrived)
+        const Linger outcome = linger(socket, until);
+        if (outcome == Linger::Arrived)
             return;
+        if (outcome == Linger::Nothing)
+            m_failures += (kFailureScale - m_failures) / 16;
     }
     pollfd watched { socket, POLLIN, 0 };
     while (::poll(&watched, 1, -1) < 0 && errno == EINTR) {
     }
 }
 
-// Polls the socket without sleeping until it has input (true) or `until` has passed (false).
-bool InputWait::poll(int socket, Clock::time_point until)
+// Polls the socket without sleeping until it has input or `until` has passed, giving way every
+// kGiveWay, starting at once.
+InputWait::Linger InputWait::linger(int socket, Clock::time_point until)
 {
     pollfd watched { socket, POLLIN, 0 };
+    Clock::time_point nextGiveWay = Clock::now();
     for (unsigned i = 1;; ++i) {
         cpuRelax();
         if (i % 16 != 0)
             continue;
-        if (::poll(&watched, 1, 0) != 0)
-            return true;
-        if (Clock::now() >= until)
-            return false;
+        if (::poll(&watched, 1, 0) != 0) {
+            m_failures -= m_failures / 16;
+            return Linger::Arrived;
+        }
+        const Clock::time_point now = Clock::now();
+        if (now >= until)
+            return Linger::Nothing;
+        if (now >= nextGiveWay) {
+            if (!giveWay())
+                return Linger::Busy;
+            nextGiveWay = Clock::now() + kGiveWay;
+        }
     }
+}
+
+// Yields the processor; false when the machine turned out to be busy.
+bool InputWait::giveWay()
+{
+    const Clock::time_point before = Clock::now();
+    sched_yield();
+    const Clock::time_point after = Clock::now();
+    if (after - before <= kSlowYield)
+        return true;
+    const Clock::time_point lastSlowYield = std::exchange(m_lastSlowYield, after);
+    if (after - lastSlowYield > kWindow)
+        return true;
+    // Busy: for kCoolDown if it was not busy lately, else for twice as long as last time.
+    m_coolDown = after - m_busyUntil > kLongestCoolDown ? Clock::duration(kCoolDown)
+                                                        : std::min<Clock::duration>(2 * m_coolDown, kLongestCoolDown);
+    m_busyUntil = after + m_coolDown;
+    return false;
 }
 
 } // namespace
@@ -830,17 +878,15 @@ std::shared_ptr<QZHelperCommand> QZHelperTool::issueCommand(const QString &comma
 
 // A reply wakes only those waiting for its command: they sleep on the command's status word
 // (which is written under the lock, like every other field the receiver changes), so callers
-// on many threads do not all wake for every reply. While other callers wait as well, a caller
-// first gives way to them a few times: the replies of a busy channel come in batches, and a
-// caller that is still runnable when its reply comes needs no wake-up.
+// on many threads do not all wake for every reply. A caller goes straight to sleep: one that
+// yields the processor first (as std::atomic::wait does) is, on a busy machine, not woken when
+// its reply comes but waits for its turn behind other work, a time slice at a time. The
+// receiver counts the waiting callers to decide whether to linger for the next reply.
 void QZHelperTool::waitForCommandResponse(const std::shared_ptr<QZHelperCommand> &command)
 {
     if (command->commandID() == 0 || command->status() != QZHelperCommand::NoReply)
         return;   // never sent (there is no reply to wait for), or answered already
-    if (d->waitingCallers.fetch_add(1, std::memory_order_relaxed) > 0) {
-        for (int i = 0; i < kYieldsWhileOthersWait && command->status() == QZHelperCommand::NoReply; ++i)
-            sched_yield();
-    }
+    d->waitingCallers.fetch_add(1, std::memory_order_relaxed);
     command->sleepUntilStatus();
     d->waitingCallers.fetch_sub(1, std::memory_order_relaxed);
 }
