@@ -6,9 +6,7 @@
 
 #include <QRandomGenerator>
 
-#include <atomic>
-#include <thread>
-#include <vector>
+#include <future>
 
 namespace {
 
@@ -21,15 +19,8 @@ QVariantMap keyAndVector(const QByteArray &key, const QByteArray &vector = kVect
     return { { QZCipherKeyKey, key }, { QZCipherInitializationVectorKey, vector } };
 }
 
-QByteArray encrypt(const QByteArray &data, QZCipher cipher, QZCipherMode mode, const QVariantMap &options)
-{
-    return QZ::dataEncryptedWithCipher(data, cipher, mode, options);
-}
-
-QByteArray decrypt(const QByteArray &data, QZCipher cipher, QZCipherMode mode, const QVariantMap &options)
-{
-    return QZ::dataDecryptedWithCipher(data, cipher, mode, options);
-}
+const auto encrypt = QZ::dataEncryptedWithCipher;
+const auto decrypt = QZ::dataDecryptedWithCipher;
 
 struct KnownAnswer {
     QZCipher cipher;
@@ -82,20 +73,17 @@ TEST(Ciphers, EveryCipherAndModeGivesTheKnownAnswer)
         if (k.keyCount)
             options.insert(QZ3DESKeyCountKey, k.keyCount);
         const QByteArray expected = QByteArray::fromHex(k.cipherText);
-        const std::string label = "cipher " + std::to_string(k.cipher) + " mode " + std::to_string(k.mode);
-        EXPECT_EQ(encrypt(kPlainText, k.cipher, k.mode, options).toHex(), expected.toHex()) << label;
-        EXPECT_EQ(decrypt(expected, k.cipher, k.mode, options), kPlainText) << label;
-        // The default mode is CBC.
-        if (k.mode == QZCipherModeCBC) {
-            EXPECT_EQ(encrypt(kPlainText, k.cipher, QZCipherModeDefault, options), expected) << label;
-        }
+        EXPECT_EQ(encrypt(kPlainText, k.cipher, k.mode, options).toHex(), expected.toHex()) << k.cipher << " " << k.mode;
+        EXPECT_EQ(decrypt(expected, k.cipher, k.mode, options), kPlainText) << k.cipher << " " << k.mode;
+        EXPECT_TRUE(k.mode != QZCipherModeCBC || encrypt(kPlainText, k.cipher, QZCipherModeDefault, options) == expected);
     }
 }
 
-// RC5-32/12/16 on single blocks, from the cipher's published test vectors.
+// RC5-32/12/16 on single blocks, from the cipher's published test vectors; ECB pads one whole
+// block after the vector's.
 TEST(Ciphers, RC5MatchesThePublishedVectors)
 {
-    const struct { const char *key, *plain, *cipher; } vectors[] = {
+    const char *vectors[][3] = {   // key, plain text, cipher text
         { "00000000000000000000000000000000", "0000000000000000", "21a5dbee154b8f6d" },
         { "915f4619be41b2516355a50110a9ce91", "21a5dbee154b8f6d", "f7c013ac5b2b8952" },
         { "783348e75aeb0f2fd7b169bb8dc16787", "f7c013ac5b2b8952", "2f42b3b70369fc92" },
@@ -103,45 +91,38 @@ TEST(Ciphers, RC5MatchesThePublishedVectors)
         { "5269f149d41ba0152497574d7f153125", "65c178b284d197cc", "eb44e415da319824" },
     };
     for (const auto &v : vectors) {
-        const QVariantMap options = keyAndVector(QByteArray::fromHex(v.key));
-        const QByteArray plain = QByteArray::fromHex(v.plain);
-        // ECB pads one whole block; the first block is the vector's.
-        const QByteArray encrypted = encrypt(plain, QZCipherRC5, QZCipherModeECB, options);
+        const QVariantMap options = keyAndVector(QByteArray::fromHex(v[0]));
+        const QByteArray encrypted = encrypt(QByteArray::fromHex(v[1]), QZCipherRC5, QZCipherModeECB, options);
         ASSERT_EQ(encrypted.size(), 16);
-        EXPECT_EQ(encrypted.left(8).toHex(), QByteArray(v.cipher));
-        EXPECT_EQ(decrypt(QByteArray::fromHex(v.cipher) + encrypted.mid(8), QZCipherRC5, QZCipherModeECB, options), plain);
+        EXPECT_EQ(encrypted.left(8).toHex(), QByteArray(v[2]));
+        EXPECT_EQ(decrypt(QByteArray::fromHex(v[2]) + encrypted.mid(8), QZCipherRC5, QZCipherModeECB, options).toHex(), v[1]);
     }
 }
 
+// Random data of lengths around the block size, in every cipher and mode: block modes pad to the
+// next whole block, stream modes keep the length, and decryption gives the data back.
 TEST(Ciphers, RoundTripsKeepOrPadTheLength)
 {
-    const QZCipher ciphers[] = { QZCipherNull, QZCipherDES, QZCipher3DES, QZCipherRC4, QZCipherRC2,
-                                 QZCipherBlowfish, QZCipherCAST5, QZCipherRC5 };
-    const QZCipherMode modes[] = { QZCipherModeDefault, QZCipherModeCBC, QZCipherModeECB, QZCipherModeCFB, QZCipherModeOFB };
     QRandomGenerator generator(42);
-    for (const qsizetype size : { 0, 1, 7, 8, 9, 16, 1000 }) {
+    for (const qsizetype size : { 0, 1, 7, 8, 9, 1000 }) {
         QByteArray data(size, Qt::Uninitialized);
         for (char &c : data)
             c = static_cast<char>(generator.bounded(256));
-        for (const QZCipher cipher : ciphers) {
-            for (const QZCipherMode mode : modes) {
-                const QVariantMap options = keyAndVector(kKey24);
-                const QByteArray encrypted = encrypt(data, cipher, mode, options);
+        for (const QZCipher cipher : { QZCipherNull, QZCipherDES, QZCipher3DES, QZCipherRC4, QZCipherRC2, QZCipherBlowfish,
+                                       QZCipherCAST5, QZCipherRC5 }) {
+            for (const QZCipherMode mode : { QZCipherModeDefault, QZCipherModeCBC, QZCipherModeECB, QZCipherModeCFB, QZCipherModeOFB }) {
+                const QByteArray encrypted = encrypt(data, cipher, mode, keyAndVector(kKey24));
                 const bool padded = mode <= QZCipherModeECB && cipher != QZCipherNull && cipher != QZCipherRC4;
-                ASSERT_FALSE(encrypted.isNull()) << cipher << " " << mode << " " << size;
                 EXPECT_EQ(encrypted.size(), padded ? (size / 8 + 1) * 8 : size) << cipher << " " << mode;
-                if (cipher != QZCipherNull && size > 0) {
-                    EXPECT_NE(encrypted.left(size), data);
-                }
-                const QByteArray decrypted = decrypt(encrypted, cipher, mode, options);
-                EXPECT_FALSE(decrypted.isNull());
-                EXPECT_EQ(decrypted, data) << cipher << " " << mode << " " << size;
+                EXPECT_TRUE(cipher == QZCipherNull || size == 0 || encrypted.left(size) != data);
+                const QByteArray decrypted = decrypt(encrypted, cipher, mode, keyAndVector(kKey24));
+                EXPECT_TRUE(decrypted == data && !decrypted.isNull()) << cipher << " " << mode << " " << size;
             }
         }
     }
 }
 
-TEST(Ciphers, UnofferedCombinationsGiveNull)
+TEST(Ciphers, UnofferedCombinationsGiveNullAndStreamCiphersIgnoreTheMode)
 {
     const QVariantMap options = keyAndVector(kKey24);
     for (const auto cipher : { QZCipher(10), QZCipher(-1), QZCipher(1000) }) {
@@ -150,20 +131,17 @@ TEST(Ciphers, UnofferedCombinationsGiveNull)
     }
     for (const auto mode : { QZCipherModeECB, QZCipherModeCFB, QZCipherModeOFB, QZCipherMode(5) })
         EXPECT_TRUE(encrypt(kPlainText, QZCipherDESX, mode, options).isNull()) << mode;
-    EXPECT_FALSE(encrypt(kPlainText, QZCipherDESX, QZCipherModeDefault, options).isNull());
     for (const auto cipher : { QZCipherDES, QZCipher3DES, QZCipherRC2, QZCipherBlowfish, QZCipherCAST5, QZCipherRC5 }) {
         EXPECT_TRUE(encrypt(kPlainText, cipher, QZCipherMode(5), options).isNull()) << cipher;
         EXPECT_TRUE(decrypt(kPlainText, cipher, QZCipherMode(-1), options).isNull()) << cipher;
     }
-    // A stream cipher and the null cipher take any mode value and ignore it.
     const QByteArray rc4 = encrypt(kPlainText, QZCipherRC4, QZCipherModeDefault, options);
     for (const auto mode : { QZCipherModeECB, QZCipherModeOFB, QZCipherMode(77), QZCipherMode(-3) }) {
         EXPECT_EQ(encrypt(kPlainText, QZCipherRC4, mode, options), rc4);
         EXPECT_EQ(encrypt(kPlainText, QZCipherNull, mode, options), kPlainText);
     }
     // Option values of the wrong type are refused rather than guessed at.
-    QVariantMap textKey = options;
-    textKey.insert(QZCipherKeyKey, QStringLiteral("0123456789abcdef"));
+    const QVariantMap textKey { { QZCipherKeyKey, QStringLiteral("0123456789abcdef") } };
     EXPECT_TRUE(encrypt(kPlainText, QZCipherBlowfish, QZCipherModeCBC, textKey).isNull());
     EXPECT_TRUE(encrypt(kPlainText, QZCipherRC5, QZCipherModeCBC, textKey).isNull());
 }
@@ -175,21 +153,17 @@ TEST(Ciphers, PaddingIsCheckedTheSameWayByEveryBlockCipher)
     const QVariantMap options = keyAndVector(kKey24);
     for (const QZCipher cipher : { QZCipherDES, QZCipherBlowfish, QZCipherRC5 }) {
         // ECB blocks are independent: the first two blocks of an encryption decrypt alone.
-        const auto decryptedBlocks = [&](const QByteArray &plain) {
-            const QByteArray twoBlocks = encrypt(plain, cipher, QZCipherModeECB, options).left(16);
-            return decrypt(twoBlocks, cipher, QZCipherModeECB, options);
+        const auto decryptedBlocks = [&](const char *plain) {
+            return decrypt(encrypt(QByteArray(plain, 16), cipher, QZCipherModeECB, options).left(16), cipher, QZCipherModeECB, options);
         };
-        EXPECT_EQ(decryptedBlocks(QByteArray("0123456789ab\x03\x03\x03\x03", 16)), QByteArray("0123456789ab\x03"));
-        EXPECT_EQ(decryptedBlocks(QByteArray("0123456789abcdef", 16).left(8) + QByteArray(8, '\x08')), QByteArray("01234567"));
-        for (const QByteArray &bad : { QByteArray("0123456789abcd\x03\x02", 16), QByteArray("0123456789abcde\x00", 16),
-                                       QByteArray("0123456789abcde\x09", 16), QByteArray("01234567\x07\x08\x08\x08\x08\x08\x08\x08", 16) })
-            EXPECT_TRUE(decryptedBlocks(bad).isNull()) << cipher << " " << bad.toHex().toStdString();
-
+        EXPECT_EQ(decryptedBlocks("0123456789ab\x03\x03\x03\x03"), QByteArray("0123456789ab\x03"));
+        EXPECT_EQ(decryptedBlocks("01234567\x08\x08\x08\x08\x08\x08\x08\x08"), QByteArray("01234567"));
+        for (const char *bad : { "0123456789abcd\x03\x02", "0123456789abcde\x00", "0123456789abcde\x09",
+                                 "01234567\x07\x08\x08\x08\x08\x08\x08\x08" })
+            EXPECT_TRUE(decryptedBlocks(bad).isNull()) << cipher << " " << QByteArray(bad, 16).toHex().toStdString();
         const QByteArray encrypted = encrypt(kPlainText, cipher, QZCipherModeCBC, options);
         EXPECT_TRUE(decrypt(encrypted.chopped(1), cipher, QZCipherModeCBC, options).isNull());
         EXPECT_TRUE(decrypt(QByteArray(), cipher, QZCipherModeCBC, options).isNull());
-        EXPECT_EQ(encrypt(QByteArray(), cipher, QZCipherModeCBC, options).size(), 8);
-        // Stream modes take any length, the empty one included.
         const QByteArray emptyStream = decrypt(QByteArray(), cipher, QZCipherModeOFB, options);
         EXPECT_TRUE(emptyStream.isEmpty() && !emptyStream.isNull());
     }
@@ -202,48 +176,40 @@ TEST(Ciphers, KeysAndVectorsAreCutOrPaddedWithZeros)
     // `openssl enc -des-cbc -K 0123456789 -iv fedcba9876543210` pads the key the same way.
     EXPECT_EQ(encrypt(kPlainText, QZCipherDES, QZCipherModeCBC, keyAndVector(QByteArray::fromHex("0123456789"))).toHex(),
               QByteArray("251ad3916794ca65d1bf15a659453f6584670ac74a8667e47a9930b8c6970c0b0a771f7da3e50e0e889d4863cb02fde3"));
+    const QByteArray zeros(24, '\0');
     for (const QZCipher cipher : { QZCipherDES, QZCipherCAST5, QZCipherRC5 }) {
-        const QByteArray short8 = kKey24.left(8);
-        EXPECT_EQ(encrypt(kPlainText, cipher, QZCipherModeCBC, keyAndVector(short8)),
-                  encrypt(kPlainText, cipher, QZCipherModeCBC, keyAndVector(short8 + QByteArray(16, '\0'))));
-        EXPECT_EQ(encrypt(kPlainText, cipher, QZCipherModeCBC, keyAndVector(kKey24, kVector.left(3))),
-                  encrypt(kPlainText, cipher, QZCipherModeCBC, keyAndVector(kKey24, kVector.left(3) + QByteArray(5, '\0'))));
-        EXPECT_EQ(encrypt(kPlainText, cipher, QZCipherModeCFB, { { QZCipherKeyKey, kKey24 } }),
-                  encrypt(kPlainText, cipher, QZCipherModeCFB, keyAndVector(kKey24, QByteArray(8, '\0'))));
-        EXPECT_EQ(encrypt(kPlainText, cipher, QZCipherModeOFB, {}),
-                  encrypt(kPlainText, cipher, QZCipherModeOFB, keyAndVector(QByteArray(24, '\0'), QByteArray(8, '\0'))));
-        EXPECT_EQ(encrypt(kPlainText, cipher, QZCipherModeOFB, keyAndVector(kKey24 + "beyond")),
-                  encrypt(kPlainText, cipher, QZCipherModeOFB, keyAndVector(kKey24)));
+        const auto same = [&](QZCipherMode mode, const QVariantMap &a, const QVariantMap &b) {
+            EXPECT_EQ(encrypt(kPlainText, cipher, mode, a), encrypt(kPlainText, cipher, mode, b)) << cipher << " " << mode;
+        };
+        same(QZCipherModeCBC, keyAndVector(kKey24.left(8)), keyAndVector(kKey24.left(8) + zeros.left(16)));
+        same(QZCipherModeCBC, keyAndVector(kKey24, kVector.left(3)), keyAndVector(kKey24, kVector.left(3) + zeros.left(5)));
+        same(QZCipherModeCFB, { { QZCipherKeyKey, kKey24 } }, keyAndVector(kKey24, zeros.left(8)));
+        same(QZCipherModeOFB, {}, keyAndVector(zeros, zeros.left(8)));
+        same(QZCipherModeOFB, keyAndVector(kKey24 + "beyond"), keyAndVector(kKey24));
     }
     // Anything but 2 selects three-key triple DES.
     QVariantMap options = keyAndVector(kKey24);
     const QByteArray threeKey = encrypt(kPlainText, QZCipher3DES, QZCipherModeCBC, options);
     options.insert(QZ3DESKeyCountKey, 1);
     EXPECT_EQ(encrypt(kPlainText, QZCipher3DES, QZCipherModeCBC, options), threeKey);
-    options.insert(QZ3DESKeyCountKey, 2);
-    EXPECT_NE(encrypt(kPlainText, QZCipher3DES, QZCipherModeCBC, options), threeKey);
 }
 
 // The first use of each back end (the OpenSSL context, the RC5 registration) may come from
 // several threads at once.
 TEST(Ciphers, FirstUseFromSeveralThreads)
 {
-    std::atomic<int> wrong { 0 };
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&wrong] {
-            for (const KnownAnswer &k : kKnownAnswers) {
-                if (k.mode != QZCipherModeCBC || k.keyCount)
-                    continue;
-                const QVariantMap options = keyAndVector(kKey24.left(k.keyLength));
-                if (encrypt(kPlainText, k.cipher, k.mode, options) != QByteArray::fromHex(k.cipherText))
-                    ++wrong;
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong.load(), 0);
+    const auto knownAnswers = [] {
+        for (const KnownAnswer &k : kKnownAnswers)
+            if (k.mode == QZCipherModeCBC && !k.keyCount
+                && encrypt(kPlainText, k.cipher, k.mode, keyAndVector(kKey24.left(k.keyLength))) != QByteArray::fromHex(k.cipherText))
+                return false;
+        return true;
+    };
+    std::future<bool> others[] = { std::async(std::launch::async, knownAnswers), std::async(std::launch::async, knownAnswers),
+                                   std::async(std::launch::async, knownAnswers) };
+    EXPECT_TRUE(knownAnswers());
+    for (std::future<bool> &other : others)
+        EXPECT_TRUE(other.get());
 }
 
 } // namespace
