@@ -53,43 +53,63 @@ int clearFlags(const char *path, const struct stat *status, int, struct FTW *)
     return 0;
 }
 
-// Runs `child` in a forked process with standard output and error captured.
-ChildResult forkAndWait(const std::function<void()> &child)
+// Runs `child` in a forked process with both its output streams captured; its exit status is
+// the outcome's.
+Outcome forkAndWait(const std::function<void()> &child)
 {
-    ChildResult result;
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) < 0 || pipe2(err, O_CLOEXEC) < 0)
-        return result;
+    Outcome outcome;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        return outcome;
     std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        dup2(ends[1], STDOUT_FILENO);
+        dup2(ends[1], STDERR_FILENO);
         child();
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
-    // Small outputs only: read one pipe after the other.
-    for (auto [fd, text] : { std::pair { out[0], &result.out }, std::pair { err[0], &result.err } }) {
-        char buffer[4096];
-        for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) != 0;)
-            if (got > 0)
-                text->append(buffer, static_cast<size_t>(got));
-            else if (errno != EINTR)
-                break;
-        close(fd);
-    }
+    close(ends[1]);
+    char buffer[4096];
+    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) != 0;)
+        if (got > 0)
+            outcome.output.append(buffer, static_cast<size_t>(got));
+        else if (errno != EINTR)
+            break;
+    close(ends[0]);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
+// Runs `operation` as `user` (the superuser: in this process); the status is its errno when it
+// fails.
+Outcome runAs(uid_t user, const std::function<bool()> &operation)
+{
+    const auto status = [&] {
+        errno = 0;
+        return operation() ? 0 : errno;
+    };
+    if (user == 0) {
+        testing::internal::CaptureStderr();
+        Outcome outcome { status(), {} };
+        outcome.output = testing::internal::GetCapturedStderr();
+        return outcome;
+    }
+    return forkAndWait([&] {
+        if (setgroups(0, nullptr) < 0 || setgid(user) < 0 || setuid(user) < 0)
+            _exit(126);
+        const int result = status();
+        std::fflush(nullptr);
+        _exit(result);
+    });
 }
 
 } // namespace
 
-ChildResult runProgram(const std::vector<std::string> &argv)
+Outcome runProgram(const std::vector<std::string> &argv)
 {
     return forkAndWait([&] {
         std::vector<char *> words;
@@ -100,15 +120,15 @@ ChildResult runProgram(const std::vector<std::string> &argv)
     });
 }
 
-ChildResult runAs(uid_t uid, gid_t gid, const std::function<int()> &body)
+Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags, uid_t user)
 {
-    return forkAndWait([&] {
-        if (setgroups(0, nullptr) < 0 || setgid(gid) < 0 || setuid(uid) < 0)
-            _exit(126);
-        const int status = body();
-        std::fflush(nullptr);
-        _exit(status);
-    });
+    const copy_file_options options { flags, 0, 0, nullptr, nullptr };
+    return runAs(user, [&] { return copy_file(source.c_str(), destination.c_str(), &options); });
+}
+
+Outcome runDelete(const std::string &path, uid_t user)
+{
+    return runAs(user, [&] { return delete_file_object(path.c_str()) == 0; });
 }
 
 bool canMount()
@@ -159,7 +179,7 @@ bool ScratchVolume::mountImage(Kind kind)
     if (runProgram(kind == Ext4 ? std::vector<std::string> { "mkfs.ext4", "-q", "-F", image }
                                 : std::vector<std::string> { "mkfs.vfat", image }).status != 0)
         return false;
-    std::string loop = runProgram({ "losetup", "-f", "--show", image }).out;
+    std::string loop = runProgram({ "losetup", "-f", "--show", image }).output;
     if (loop.empty())
         return false;
     loop.pop_back();   // the line break
@@ -198,6 +218,13 @@ ScratchVolume::~ScratchVolume()
     }
 }
 
+void makeFolder(const std::string &path, mode_t mode)
+{
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+}
+
 void writeFile(const std::string &path, const std::string &content, mode_t mode)
 {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
@@ -209,12 +236,6 @@ std::string readFile(const std::string &path)
     std::ostringstream out;
     out << std::ifstream(path, std::ios::binary).rdbuf();
     return out.str();
-}
-
-bool exists(const std::string &path)
-{
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
 }
 
 mode_t modeOf(const std::string &path)
@@ -230,11 +251,10 @@ bool isImmutable(const std::string &path)
     return flags > 0 && (flags & FS_IMMUTABLE_FL);
 }
 
-void setImmutable(const std::string &path, bool on)
+void setImmutable(const std::string &path)
 {
     const int flags = inodeFlags(path);
-    ASSERT_GE(flags, 0) << path;
-    ASSERT_GE(inodeFlags(path, on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL)), 0) << path;
+    ASSERT_TRUE(flags >= 0 && inodeFlags(path, flags | FS_IMMUTABLE_FL) >= 0) << path;
 }
 
 std::map<std::string, std::string> userAttributes(const std::string &path)
@@ -261,18 +281,6 @@ std::string aclText(const std::string &path, bool defaultList)
     if (acl)
         acl_free(acl);
     return text;
-}
-
-CopyOutcome copyCapturingReports(const std::string &source, const std::string &destination,
-                                 const copy_file_options *options)
-{
-    CopyOutcome outcome;
-    testing::internal::CaptureStderr();
-    errno = 0;
-    outcome.ok = copy_file(source.c_str(), destination.c_str(), options);
-    outcome.error = errno;
-    outcome.err = testing::internal::GetCapturedStderr();
-    return outcome;
 }
 
 } // namespace qztest
