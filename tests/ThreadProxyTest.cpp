@@ -5,12 +5,13 @@
 
 #include <QZApp/QZThreadProxy.h>
 
+#include <QEventLoop>
+#include <QThread>
 
 #include <atomic>
 #include <condition_variable>
 #include <thread>
 
-using qztest::PressWidget;
 using qztest::processEventsUntil;
 
 namespace {
@@ -93,7 +94,7 @@ TEST(ThreadProxy, CreateThreadProxyRunsEachCallOnANewThread)
 TEST(ThreadProxy, TheSafeProxyDefersVoidCallsPastTheEventAndWaitsForOthers)
 {
     Model model;
-    PressWidget widget;
+    qztest::PressWidget widget;
     ASSERT_TRUE(widget.exposed);
     int sum = 0;
     QStringList seenInside;
@@ -110,21 +111,29 @@ TEST(ThreadProxy, TheSafeProxyDefersVoidCallsPastTheEventAndWaitsForOthers)
     EXPECT_EQ(model.texts, QStringList { QStringLiteral("deferred") });
 }
 
-TEST(ThreadProxy, DelayedCallsNeedTheCallingThreadsEventLoop)
+TEST(ThreadProxy, DelayedCallsRunOnTheCallingThreadsEventLoopAndNeverWithoutOne)
 {
-    Model model;
+    Model model, stranded, looped;
     QZ::delayedProxy(&model, 0.05).call(&Model::append, QStringLiteral("later"));
     EXPECT_TRUE(model.texts.isEmpty());
     EXPECT_TRUE(processEventsUntil([&] { return !model.texts.isEmpty(); }));
 
     // A plain thread has no event loop: the call never runs, on any thread.
-    Model stranded;
     std::thread([&] {
         QZ::delayedProxy(&stranded, 0).call(&Model::append, QStringLiteral("never"));
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }).join();
+    // A thread running its own event loop runs the call there.
+    std::unique_ptr<QThread> looping(QThread::create([&] {
+        QEventLoop loop;
+        QZ::delayedProxy(&looped, 0.01).call(&Model::add, 1);
+        QZ::delayedProxy(&loop, 0.02).call(&QEventLoop::quit);
+        loop.exec();
+    }));
+    looping->start();
+    EXPECT_TRUE(looping->wait(5000));
+    EXPECT_TRUE(looped.total == 1 && looped.thread != std::this_thread::get_id());
     EXPECT_FALSE(processEventsUntil([&] { return !stranded.texts.isEmpty(); }, 300));
-
 }
 
 } // namespace
