@@ -113,7 +113,7 @@ TEST_F(Copy, CarriesEveryKindOfObjectWithItsMetadata)
 
     // Without recursion a folder is copied empty, with its own metadata.
     ASSERT_EQ(runCopy(source, volume / "flat").status, 0);
-    EXPECT_FALSE(exists(volume / "flat/program"));
+    EXPECT_EQ(listing(volume / "flat"), "");
     EXPECT_EQ(modeOf(volume / "flat"), modeOf(source));
     EXPECT_EQ(mtimeOf(volume / "flat"), mtimeOf(source));
 }
@@ -121,58 +121,38 @@ TEST_F(Copy, CarriesEveryKindOfObjectWithItsMetadata)
 TEST_F(Copy, MergesIntoAnExistingTreeAndReplacesWhatIsInTheWay)
 {
     const std::string source = volume / "source", dest = volume / "copy";
-    makeFolder(source + "/sub/deeper");
-    makeFolder(source + "/was-file");
-    makeFolder(dest + "/was-folder/inner");
-    makeFolder(dest + "/sub");
-    writeFile(source + "/same", "new");
-    writeFile(source + "/sub/deeper/leaf", "leaf");
-    writeFile(source + "/was-folder", "now a file");
-    writeFile(dest + "/same", "old and longer");
-    writeFile(dest + "/keep", "untouched");
-    writeFile(dest + "/sub/keep-too", "untouched");
-    writeFile(dest + "/was-file", "a file");
+    makeTree(source, { { "same", "new" }, { "sub/deeper/leaf", "leaf" }, { "was-folder", "now a file" }, { "was-file/", "" } });
+    makeTree(dest, { { "same", "old and longer" }, { "keep", "untouched" }, { "sub/keep-too", "untouched" },
+                     { "was-folder/inner/", "" }, { "was-file", "a file" } });
     setImmutable(dest + "/sub");
     struct stat before, after;
     ASSERT_EQ(stat((dest + "/same").c_str(), &before), 0);
-
     ASSERT_EQ(runCopy(source, dest, COPY_FILE_RECURSIVE).status, 0);
     ASSERT_EQ(stat((dest + "/same").c_str(), &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino);   // truncated and overwritten, not replaced
-    EXPECT_EQ(readFile(dest + "/same"), "new");
-    EXPECT_EQ(readFile(dest + "/keep") + readFile(dest + "/sub/keep-too"), "untoucheduntouched");
-    EXPECT_EQ(readFile(dest + "/sub/deeper/leaf"), "leaf");
+    EXPECT_EQ(listing(dest), "keep=untouched same=new sub/ sub/deeper/ sub/deeper/leaf=leaf sub/keep-too=untouched "
+                             "was-file/ was-folder=now a file");
     EXPECT_FALSE(isImmutable(dest + "/sub"));
-    EXPECT_EQ(readFile(dest + "/was-folder"), "now a file");
-    EXPECT_TRUE(S_ISDIR(modeOf(dest + "/was-file")));
 }
 
 TEST_F(Copy, NeverWritesThroughALinkOntoItsSourceOrFromWhatIsMissing)
 {
-    const std::string outside = volume / "outside", source = volume / "source", link = volume / "link";
-    writeFile(outside, "must stay");
-    writeFile(source, "payload");
+    const std::string here = volume / "here", outside = here + "/outside", source = here + "/source", link = here + "/link";
+    makeTree(here, { { "outside", "must stay" }, { "source", "payload" } });
     ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
     ASSERT_EQ(runCopy(source, link).status, 0);
-    EXPECT_EQ(readFile(outside), "must stay");
     EXPECT_TRUE(S_ISREG(modeOf(link)));
-    EXPECT_EQ(readFile(link), "payload");
-
     EXPECT_EQ(runCopy(source, source).status, EEXIST);
-    EXPECT_EQ(readFile(source), "payload");
-    const Outcome missing = runCopy(volume / "absent", source);
+    const Outcome missing = runCopy(here + "/absent", source);
     EXPECT_EQ(missing.status, ENOENT);
-    EXPECT_EQ(missing.output, volume / "absent" + ": No such file or directory (at utils:309)\n");
-    EXPECT_EQ(readFile(source), "payload");
+    EXPECT_EQ(missing.output, here + "/absent: No such file or directory (at utils:309)\n");
+    EXPECT_EQ(listing(here), "link=payload outside=must stay source=payload");
 }
 
 TEST_F(Copy, FilterSkipsASubtreeAndSeesDestinationDevices)
 {
     const std::string source = volume / "source", dest = volume / "copy";
-    makeFolder(source + "/skip/below");
-    makeFolder(source + "/take");
-    writeFile(source + "/skip/below/file", "no");
-    writeFile(source + "/take/file", "yes");
+    makeTree(source, { { "skip/below/file", "no" }, { "take/file", "yes" } });
     struct Seen {
         std::set<std::string> paths;
         std::set<int32_t> devices;
@@ -184,8 +164,7 @@ TEST_F(Copy, FilterSkipsASubtreeAndSeesDestinationDevices)
         return std::strstr(path, "/skip") == nullptr;
     };
     ASSERT_TRUE(copy_file(source.c_str(), dest.c_str(), &options));
-    EXPECT_EQ(readFile(dest + "/take/file"), "yes");
-    EXPECT_FALSE(exists(dest + "/skip"));
+    EXPECT_EQ(listing(dest), "take/ take/file=yes");
     EXPECT_EQ(seen.paths.count(source + "/skip/below"), 0u);   // never looked into
     EXPECT_EQ(seen.devices.size(), 2u);   // -1 for the top, then the copy's volume
     EXPECT_EQ(*seen.devices.begin(), -1);
@@ -266,14 +245,10 @@ TEST_F(Copy, MatchesCpArchivePropertyByPropertyAndAlsoCarriesImmutability)
 
 TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotWhatLinksPointTo)
 {
-    const std::string tree = volume / "tree", outside = volume / "outside";
-    makeFolder(tree + "/frozen/inner");
-    makeFolder(outside);
-    writeFile(outside + "/precious", "keep");
-    writeFile(tree + "/frozen/inner/file", "x");
-    writeFile(tree + "/stuck", "z");
+    const std::string here = volume / "here", tree = here + "/tree";
+    makeTree(here, { { "outside/precious", "keep" }, { "tree/frozen/inner/file", "x" }, { "tree/stuck", "z" } });
     ASSERT_EQ(mkfifo((tree + "/pipe").c_str(), 0600), 0);
-    ASSERT_EQ(symlink(outside.c_str(), (tree + "/link").c_str()), 0);
+    ASSERT_EQ(symlink((here + "/outside").c_str(), (tree + "/link").c_str()), 0);
     setImmutable(tree + "/stuck");
     setImmutable(tree + "/frozen/inner/file");
     setImmutable(tree + "/frozen");
@@ -283,38 +258,34 @@ TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotWhatLinksPointTo)
     const Outcome outcome = runDelete(tree);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "");
-    EXPECT_FALSE(exists(tree));
-    EXPECT_EQ(readFile(outside + "/precious"), "keep");
-    EXPECT_EQ(runDelete(tree).status, ENOENT);   // what is already gone fails quietly
-    EXPECT_EQ(runDelete(tree).output, "");
+    EXPECT_EQ(listing(here), "outside/ outside/precious=keep");
+    const Outcome again = runDelete(tree);   // what is already gone fails quietly
+    EXPECT_EQ(again.status, ENOENT);
+    EXPECT_EQ(again.output, "");
 }
 
-TEST_F(Delete, AnAppendOnlyFileStopsItWithAChainOfReports)
+TEST_F(Delete, AnAppendOnlyFileStopsItWithAChainOfReportsAndLongPathsFail)
 {
     const std::string tree = volume / "tree", file = tree + "/sub/log";
-    makeFolder(tree + "/sub");
-    writeFile(file, "entries");
+    makeTree(tree, { { "sub/log", "entries" } });
     const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
     int flags = FS_APPEND_FL;
     ASSERT_EQ(ioctl(fd, FS_IOC_SETFLAGS, &flags), 0);
     close(fd);
-
     const Outcome outcome = runDelete(tree);
     EXPECT_EQ(outcome.status, EPERM);
     EXPECT_EQ(outcome.output, file + ": Operation not permitted (at utils:195)\n" + file + ": Operation not permitted (at utils:189)\n"
                                   + tree + "/sub: Operation not permitted (at utils:189)\n");
     EXPECT_TRUE(exists(file));
-}
 
-TEST_F(Delete, PathsLongerThanItsBufferAreCutAndFail)
-{
+    // Paths longer than its buffer are cut, and fail.
     std::string path = volume / "deep";
     while (path.size() < 1100)
         path += "/" + std::string(100, 'd');
     makeFolder(path);
-    const Outcome outcome = runDelete(volume / "deep");
-    EXPECT_NE(outcome.status, 0);
-    EXPECT_NE(outcome.output.find("(at utils:189)"), std::string::npos) << outcome.output;
+    const Outcome deep = runDelete(volume / "deep");
+    EXPECT_NE(deep.status, 0);
+    EXPECT_NE(deep.output.find("(at utils:189)"), std::string::npos) << deep.output;
     EXPECT_TRUE(exists(path));
 }
 

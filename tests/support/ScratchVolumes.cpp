@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -229,6 +230,29 @@ void writeFile(const std::string &path, const std::string &content, mode_t mode)
 {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
     ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+}
+
+void makeTree(const std::string &root, const std::map<std::string, std::string> &entries)
+{
+    for (const auto &[name, content] : entries) {
+        makeFolder(std::filesystem::path(root + "/" + name).parent_path());
+        if (name.back() != '/')
+            writeFile(root + "/" + name, content);
+    }
+}
+
+std::string listing(const std::string &root)
+{
+    std::set<std::string> entries;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root)) {
+        const std::string name = std::filesystem::relative(entry.path(), root);
+        entries.insert(entry.is_symlink() ? name + "->" + std::filesystem::read_symlink(entry.path()).string()
+                       : entry.is_directory() ? name + "/" : entry.is_regular_file() ? name + "=" + readFile(entry.path()) : name + "*");
+    }
+    std::string text;
+    for (const std::string &entry : entries)
+        text += (text.empty() ? "" : " ") + entry;
+    return text;
 }
 
 std::string readFile(const std::string &path)

@@ -75,6 +75,12 @@ private:
 // Makes a folder and those above it; the last one gets `mode`.
 void makeFolder(const std::string &path, mode_t mode = 0755);
 void writeFile(const std::string &path, const std::string &content, mode_t mode = 0644);
+// Makes folders (names ending in '/') and files (name = content) below `root`, with the folders
+// that hold them.
+void makeTree(const std::string &root, const std::map<std::string, std::string> &entries);
+// Everything below `root`, sorted, separated by blanks: "folder/", "file=content", "link->target",
+// "other*".
+std::string listing(const std::string &root);
 std::string readFile(const std::string &path);
 mode_t modeOf(const std::string &path);   // lstat's st_mode, 0 when there is nothing
 inline bool exists(const std::string &path) { return modeOf(path) != 0; }
