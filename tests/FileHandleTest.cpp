@@ -1,4 +1,4 @@
-// QZ::availableDataOrError on pipes, files and devices: data, end of file, interrupted reads
+// QZ::availableDataOrError on pipes, files and processes: data, end of file, interrupted reads
 // and real failures.
 #include <QZApp/QZFileHandleExtensions.h>
 
@@ -18,7 +18,7 @@
 
 namespace {
 
-TEST(AvailableData, ReadsWhatAPipeHoldsThenEmptyDataAtItsEndThenAnError)
+TEST(AvailableData, ReadsWhatIsThereThenEmptyDataAtTheEndThenAnError)
 {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -27,29 +27,24 @@ TEST(AvailableData, ReadsWhatAPipeHoldsThenEmptyDataAtItsEndThenAnError)
     EXPECT_EQ(QZ::availableDataOrError(ends[0], &error), QByteArray("first"));
     close(ends[1]);
     const QByteArray end = QZ::availableDataOrError(ends[0], &error);
-    EXPECT_TRUE(end.isEmpty());
-    EXPECT_FALSE(end.isNull());
-    // A read that fails (here of a pipe's closed read end) is an error value.
-    close(ends[0]);
-    const QByteArray failed = QZ::availableDataOrError(ends[0], &error);
-    EXPECT_TRUE(failed.isNull());
+    EXPECT_TRUE(end.isEmpty() && !end.isNull());
+    close(ends[0]);   // a read that fails (of a closed descriptor) is an error value
+    EXPECT_TRUE(QZ::availableDataOrError(ends[0], &error).isNull());
     EXPECT_EQ(error.code, EBADF);
     EXPECT_FALSE(error.description.isEmpty());
-}
 
-TEST(AvailableData, ReadsAFileFromItsPositionToItsEnd)
-{
+    // A file, from its position to its end, through its descriptor and as a device.
     QTemporaryFile file;
-    ASSERT_TRUE(file.open());
     const QByteArray content(200000, 'q');
-    file.write(content);
-    file.flush();
+    ASSERT_TRUE(file.open() && file.write(content) == content.size() && file.flush());
     const int fd = open(file.fileName().toUtf8().constData(), O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(lseek(fd, 1000, SEEK_SET), 1000);
     EXPECT_EQ(QZ::availableDataOrError(fd), content.mid(1000));
     close(fd);
     ASSERT_TRUE(file.seek(100));
     EXPECT_EQ(QZ::availableDataOrError(&file), content.mid(100));
+    QFile closed;
+    EXPECT_TRUE(QZ::availableDataOrError(&closed).isNull());
 }
 
 TEST(AvailableData, AReadInterruptedByASignalIsMadeAgain)
@@ -67,10 +62,9 @@ TEST(AvailableData, AReadInterruptedByASignalIsMadeAgain)
         (void)!write(ends[1], "late", 4);
     });
     QZ::ReadError error;
-    const QByteArray data = QZ::availableDataOrError(ends[0], &error);
-    writer.join();
-    EXPECT_EQ(data, QByteArray("late"));
+    EXPECT_EQ(QZ::availableDataOrError(ends[0], &error), QByteArray("late"));
     EXPECT_EQ(error.code, 0);
+    writer.join();
     close(ends[0]);
     close(ends[1]);
 }
@@ -86,10 +80,7 @@ TEST(AvailableData, WaitsForAProcessAndSeesItsEnd)
     EXPECT_EQ(all, QByteArray("hello"));
     process.waitForFinished();
     const QByteArray end = QZ::availableDataOrError(&process);
-    EXPECT_TRUE(end.isEmpty());
-    EXPECT_FALSE(end.isNull());
-    QFile closed;
-    EXPECT_TRUE(QZ::availableDataOrError(&closed).isNull());
+    EXPECT_TRUE(end.isEmpty() && !end.isNull());
 }
 
 } // namespace
