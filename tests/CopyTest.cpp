@@ -68,15 +68,14 @@ std::pair<time_t, long> mtimeOf(const std::string &path)
     return { status.st_mtim.tv_sec, status.st_mtim.tv_nsec };
 }
 
-TEST_F(Copy, CarriesEveryKindOfObjectWithItsMetadata)
+// (Times, access control lists and attributes are compared with cp -a's below.)
+TEST_F(Copy, CarriesEveryKindOfObject)
 {
     const std::string source = volume / "source", dest = volume / "copy", file = source + "/program";
-    makeFolder(source, 0750);
-    writeFile(file, "#!/bin/sh\n", 04755);
+    makeTree(source, { { "program", "#!/bin/sh\n" }, { "locked/inside", "frozen" } });
+    ASSERT_EQ(chmod(file.c_str(), 04755) | chmod(source.c_str(), 0750), 0);
     setAttribute(file, "user.note", "kept");
     setAttribute(file, "user.empty", "");
-    setAcl(file, "u::rwx,u:65534:r-x,g::r-x,m::r-x,o::r-x");
-    setTime(file, 1000000000, 123456789);
     ASSERT_EQ(mkfifo((source + "/pipe").c_str(), 0640), 0);
     sockaddr_un address { AF_UNIX, {} };
     ASSERT_LT(source.size() + 7, sizeof address.sun_path);
@@ -88,34 +87,23 @@ TEST_F(Copy, CarriesEveryKindOfObjectWithItsMetadata)
     ASSERT_EQ(symlink("nowhere/at/all", (source + "/dangling").c_str()), 0);
     const std::string longTarget = std::string(300, 'x') + "/" + std::string(1700, 'y');
     ASSERT_EQ(symlink(longTarget.c_str(), (source + "/long").c_str()), 0);
-    makeFolder(source + "/locked");
-    writeFile(source + "/locked/inside", "frozen", 0444);
     setImmutable(source + "/locked/inside");
     setImmutable(source + "/locked");
-    setAcl(source, "u::rwx,g::r-x,u:65534:rwx,m::rwx,o::---", true);
     setTime(source, 1200000000, 5);
 
     const Outcome outcome = runCopy(source, dest, COPY_FILE_RECURSIVE);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(readFile(dest + "/program"), "#!/bin/sh\n");
-    EXPECT_EQ(modeOf(dest + "/program"), modeOf(file));   // set-user-id kept: same owner
-    EXPECT_EQ(mtimeOf(dest + "/program"), mtimeOf(file));
-    EXPECT_EQ(userAttributes(dest + "/program"), (std::map<std::string, std::string> { { "user.note", "kept" } }));
-    EXPECT_EQ(aclText(dest + "/program"), aclText(file));
-    EXPECT_TRUE(S_ISFIFO(modeOf(dest + "/pipe")));
-    EXPECT_TRUE(S_ISSOCK(modeOf(dest + "/socket")));
+    EXPECT_EQ(listing(dest), "dangling->nowhere/at/all locked/ locked/inside=frozen long->" + longTarget
+                                     + " null* pipe* program=#!/bin/sh\n socket*");
+    EXPECT_TRUE(S_ISFIFO(modeOf(dest + "/pipe")) && S_ISSOCK(modeOf(dest + "/socket")) && S_ISCHR(modeOf(dest + "/null")));
     struct stat node, folder;
     ASSERT_EQ(lstat((dest + "/null").c_str(), &node) | lstat(source.c_str(), &folder), 0);
-    EXPECT_TRUE(S_ISCHR(node.st_mode));
     EXPECT_EQ(node.st_rdev, folder.st_dev);   // the node gets the source volume's device
-    EXPECT_EQ(std::filesystem::read_symlink(dest + "/dangling"), "nowhere/at/all");
-    EXPECT_EQ(std::filesystem::read_symlink(dest + "/long").string(), longTarget);
+    EXPECT_EQ(modeOf(dest + "/program"), modeOf(file));   // set-user-id kept: same owner
+    EXPECT_EQ(userAttributes(dest + "/program"), (std::map<std::string, std::string> { { "user.note", "kept" } }));
     EXPECT_TRUE(isImmutable(dest + "/locked") && isImmutable(dest + "/locked/inside"));
-    EXPECT_EQ(readFile(dest + "/locked/inside"), "frozen");
     EXPECT_EQ(modeOf(dest) & 07777, 0750u);
-    EXPECT_EQ(aclText(dest, true), aclText(source, true));
-    EXPECT_EQ(mtimeOf(dest), mtimeOf(source));   // set after its entries
 
     // Without recursion a folder is copied empty, with its own metadata.
     ASSERT_EQ(runCopy(source, volume / "flat").status, 0);

@@ -243,14 +243,22 @@ void makeTree(const std::string &root, const std::map<std::string, std::string> 
 
 std::string listing(const std::string &root)
 {
-    std::set<std::string> entries;
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(root)) {
-        const std::string name = std::filesystem::relative(entry.path(), root);
-        entries.insert(entry.is_symlink() ? name + "->" + std::filesystem::read_symlink(entry.path()).string()
-                       : entry.is_directory() ? name + "/" : entry.is_regular_file() ? name + "=" + readFile(entry.path()) : name + "*");
-    }
+    // The walk's callback takes no context: it finds the listing here.
+    static thread_local std::set<std::string> *entries;
+    static thread_local size_t skip;
+    std::set<std::string> found;
+    entries = &found;
+    skip = root.size() + 1;
+    nftw(root.c_str(), [](const char *path, const struct stat *status, int, struct FTW *) {
+        const std::string name = std::strlen(path) < skip ? std::string() : path + skip;
+        if (S_ISLNK(status->st_mode))
+            entries->insert(name + "->" + std::filesystem::read_symlink(path).string());
+        else if (!name.empty())
+            entries->insert(name + (S_ISDIR(status->st_mode) ? "/" : S_ISREG(status->st_mode) ? "=" + readFile(path) : "*"));
+        return 0;
+    }, 16, FTW_PHYS);
     std::string text;
-    for (const std::string &entry : entries)
+    for (const std::string &entry : found)
         text += (text.empty() ? "" : " ") + entry;
     return text;
 }
