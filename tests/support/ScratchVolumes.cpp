@@ -157,6 +157,7 @@ ScratchFolder::~ScratchFolder()
 ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
 {
     m_root = m_home / "mnt";
+    const std::string image = m_home / "image";
     struct statfs fs;
     if (mkdir(m_root.c_str(), 0755) < 0 || statfs(m_home.path().c_str(), &fs) < 0)
         return;
@@ -165,46 +166,29 @@ ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
     } else if (canMount() && kind == Tmpfs) {
         const std::string options = "size=" + std::to_string(bytes) + ",mode=0755";
         m_ok = m_mounted = mount("tmpfs", m_root.c_str(), "tmpfs", 0, options.c_str()) == 0;
-    } else if (canMount()) {
-        const int fd = open((m_home / "image").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        m_ok = fd >= 0 && ftruncate(fd, static_cast<off_t>(bytes)) == 0 && close(fd) == 0 && mountImage(kind);
-    }
-    if (!m_ok)
-        ADD_FAILURE() << "cannot make a scratch volume at " << m_root;
-}
-
-// Formats the image, attaches it to a free loop device and mounts that.
-bool ScratchVolume::mountImage(Kind kind)
-{
-    const std::string image = m_home / "image";
-    if (runProgram(kind == Ext4 ? std::vector<std::string> { "mkfs.ext4", "-q", "-F", image }
-                                : std::vector<std::string> { "mkfs.vfat", image }).status != 0)
-        return false;
-    std::string loop = runProgram({ "losetup", "-f", "--show", image }).output;
-    if (loop.empty())
-        return false;
-    loop.pop_back();   // the line break
-    if (kind == Ext4) {
-        m_mounted = mount(loop.c_str(), m_root.c_str(), "ext4", 0, nullptr) == 0;
-    } else {
-        // The FUSE driver in the foreground, as a child that dies with this process.
+    } else if (canMount() && kind == Ext4) {
+        // The loop device goes by itself when the volume is unmounted.
+        m_ok = m_mounted = runProgram({ "mkfs.ext4", "-q", "-F", "-b", "4096", image, "256M" }).status == 0
+                && runProgram({ "mount", "-o", "loop", image, m_root }).status == 0;
+    } else if (canMount() && runProgram({ "mkfs.vfat", "-C", image, std::to_string(bytes >> 10) }).status == 0) {
+        // The FUSE driver (the kernel here has no FAT driver) in the foreground, as a child that
+        // dies with this process.
         const pid_t parent = getpid();
         m_fuse = fork();
         if (m_fuse == 0) {
             prctl(PR_SET_PDEATHSIG, SIGTERM);
             if (getppid() == parent)
-                execlp("fusefat", "fusefat", "-f", "-o", "rw+", loop.c_str(), m_root.c_str(), nullptr);
+                execlp("fusefat", "fusefat", "-f", "-o", "rw+", image.c_str(), m_root.c_str(), nullptr);
             _exit(127);
         }
         for (int i = 0; i < 500 && !m_mounted && waitpid(m_fuse, nullptr, WNOHANG) == 0; i++) {
-            struct statfs fs;
             m_mounted = statfs(m_root.c_str(), &fs) == 0 && fs.f_type == FUSE_SUPER_MAGIC;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
+        m_ok = m_mounted;
     }
-    // Detaching while in use only marks the device: it goes when the volume lets go of it.
-    runProgram({ "losetup", "-d", loop });
-    return m_mounted;
+    if (!m_ok)
+        ADD_FAILURE() << "cannot make a scratch volume at " << m_root;
 }
 
 ScratchVolume::~ScratchVolume()

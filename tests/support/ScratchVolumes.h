@@ -48,9 +48,9 @@ private:
     std::string m_path;
 };
 
-// A mounted volume: ext4 (the temporary folder itself when it is ext4, an image otherwise), a
-// tmpfs of `bytes`, or a FAT image (through FUSE: the kernel here has no FAT driver). Unmounted,
-// and its loop device released, when the object goes; check ok() after making one.
+// A mounted volume: ext4 (the temporary folder itself when it is ext4, an image of 256 MiB on a
+// loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`. Unmounted when the
+// object goes; check ok() after making one.
 class ScratchVolume
 {
 public:
@@ -64,8 +64,6 @@ public:
     std::string operator/(const std::string &name) const { return m_root + "/" + name; }
 
 private:
-    bool mountImage(Kind kind);
-
     ScratchFolder m_home;
     std::string m_root;
     pid_t m_fuse = -1;
