@@ -51,42 +51,6 @@ TEST(Base64, DecodingTakesBothAlphabetsSkipsEverythingElseAndGivesWholeBytes)
     EXPECT_FALSE(QZ::dataWithBase64(QString()).isNull());
 }
 
-// The text's characters of either alphabet, in the standard one; everything else left out.
-QByteArray standardCharacters(const QString &text)
-{
-    QByteArray kept;
-    for (const QChar c : text) {
-        const char16_t u = c.unicode();
-        if ((u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || (u >= '0' && u <= '9') || u == '+' || u == '/')
-            kept += char(u);
-        else if (u == '-' || u == '_')
-            kept += u == '-' ? '+' : '/';
-    }
-    return kept;
-}
-
-// Every character value (every byte, and samples above U+00FF) in every position of a block of
-// the vector path and of the table path, replacing a character or inserted, decodes as its six
-// bits or is skipped: the result is Qt's decoding of the text's alphabet characters alone.
-TEST(Base64, EveryCharacterValueInEveryPosition)
-{
-    const QString base = QString::fromLatin1(randomBytes(72, 5).toBase64());
-    std::vector<char16_t> values;
-    for (char16_t c = 0; c < 256; ++c)
-        values.push_back(c);
-    for (char16_t c : { 0x100, 0x12B, 0x141, 0x7FFF, 0x8000, 0xFF2D, 0xFF41, 0xFFFF })
-        values.push_back(c);
-    for (const char16_t c : values) {
-        for (const qsizetype at : { 0, 1, 15, 16, 31, 32, 33, 63, 95 }) {
-            QString replaced = base, inserted = base;
-            replaced[at] = QChar(c);
-            inserted.insert(at, QChar(c));
-            ASSERT_EQ(decodeBoth(replaced), QByteArray::fromBase64(standardCharacters(replaced))) << int(c) << " at " << at;
-            ASSERT_EQ(decodeBoth(inserted), QByteArray::fromBase64(standardCharacters(inserted))) << int(c) << " at " << at;
-        }
-    }
-}
-
 TEST(Base64, LinesHoldWholeGroupsUpToTheWidth)
 {
     const QByteArray abcd("ABCD");
@@ -102,7 +66,9 @@ TEST(Base64, LinesHoldWholeGroupsUpToTheWidth)
 }
 
 // Random data of every length around the four-group steps, wrapped and not: the text is Qt's,
-// broken into lines as stated, and both decoders give the data back.
+// broken into lines as stated, and both decoders give the data back, also with a character
+// outside the alphabets at any place of the vector path's and the table path's blocks. (The fuzz
+// target compares every other text with Qt's decoding of its alphabet characters.)
 TEST(Base64, AgreesWithQtOnRandomData)
 {
     const auto wrapped = [](const QByteArray &text, qsizetype lineLength, const QByteArray &lineBreak) {
@@ -120,7 +86,9 @@ TEST(Base64, AgreesWithQtOnRandomData)
         ASSERT_EQ(QZ::urlSafeBase64(data).toLatin1(), wrapped(url, 72, "\n")) << size;
         ASSERT_EQ(QZ::mimeBase64(data).toLatin1(), wrapped(plain, 68, "\r\n")) << size;
         ASSERT_EQ(QZ::base64Encoded(data, QZ::Base64Alphabet::Standard, 17), wrapped(plain, 16, "\n")) << size;
-        ASSERT_EQ(QZ::dataWithBase64(QZ::mimeBase64(data)), data) << size;
+        QString noisy = QZ::mimeBase64(data);
+        noisy.insert(size % (noisy.size() + 1), QChar(u"\n=*.\u0141\u00ff\uff41"[size % 7]));
+        ASSERT_EQ(decodeBoth(noisy), data) << size;
         ASSERT_EQ(QZ::dataWithBase64(QByteArrayView(url)), data) << size;
     }
     const QByteArray large = randomBytes(3 * 1024 * 1024 + 1, 7);

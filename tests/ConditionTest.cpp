@@ -13,7 +13,7 @@ using qztest::expectAssertion;
 
 namespace {
 
-TEST(Condition, MisuseRaisesItsTextWithTheMethodAndLine)
+TEST(Condition, MisuseRaisesItsTextWithTheMethodAndLineAndTheDescriptionNamesIt)
 {
     QZCondition condition;
     const auto expectFailure = [&](const std::function<void()> &operation, const char *method, int line, const char *text) {
@@ -37,6 +37,10 @@ TEST(Condition, MisuseRaisesItsTextWithTheMethodAndLine)
     condition.unlock();   // held exactly once
     EXPECT_TRUE(condition.tryLock());
     condition.unlock();
+    const QString address = QString::asprintf("%p", static_cast<void *>(&condition));
+    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1>").arg(address));
+    condition.setName(QStringLiteral("channel"));
+    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1> 'channel'").arg(address));
 }
 
 TEST(Condition, HandlerThatReturnsLetsTheOperationGiveUp)
@@ -78,15 +82,6 @@ TEST(Condition, WaitAndBroadcastHandOverAndTheTimedWaitNeverSleeps)
         EXPECT_FALSE(condition.waitUntilDate(deadline));
     EXPECT_LT(timer.elapsed(), 1000);
     condition.unlock();   // still held by this thread
-}
-
-TEST(Condition, DescriptionShowsAddressAndName)
-{
-    QZCondition condition;
-    const QString address = QString::asprintf("%p", static_cast<void *>(&condition));
-    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1>").arg(address));
-    condition.setName(QStringLiteral("channel"));
-    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1> 'channel'").arg(address));
 }
 
 TEST(ConditionDeathTest, DestroyingAHeldLockAborts)
