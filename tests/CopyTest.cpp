@@ -362,19 +362,19 @@ TEST_F(CopyVolumes, TheCapabilityCacheKeepsTheTwoVolumesQueriedLast)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), ext4 / "absent" + ": No such file or directory (at utils:222)\n");
 }
 
-class Unprivileged : public testing::Test
+// The superuser sets up, then drops to the ordinary user in a child.
+class Unprivileged : public Copy
 {
 protected:
     void SetUp() override
     {
-        if (geteuid() != 0)
-            GTEST_SKIP() << "needs the superuser to set up and drop privileges";
-        ASSERT_TRUE(volume.ok());
+        Copy::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
         makeFolder(work);   // a folder the user may write into, with the sources beside it
         ASSERT_EQ(chown(work.c_str(), nobody, nobody) | chmod(volume.path().c_str(), 0755), 0);
     }
 
-    ScratchVolume volume { ScratchVolume::Ext4 };
     const std::string work = volume / "work";
 };
 
