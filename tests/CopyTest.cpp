@@ -254,7 +254,9 @@ TEST_F(Delete, AnAppendOnlyFileStopsItWithAChainOfReportsAndLongPathsFail)
     const std::string tree = volume / "tree", file = tree + "/sub/log";
     makeTree(tree, { { "sub/log", "entries" } });
     const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    int flags = FS_APPEND_FL;
+    int flags = 0;   // added to the flags it has: clearing the extents flag would convert the file
+    ASSERT_EQ(ioctl(fd, FS_IOC_GETFLAGS, &flags), 0);
+    flags |= FS_APPEND_FL;
     ASSERT_EQ(ioctl(fd, FS_IOC_SETFLAGS, &flags), 0);
     close(fd);
     const Outcome outcome = runDelete(tree);
