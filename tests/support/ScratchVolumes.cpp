@@ -1,8 +1,6 @@
 // Scratch folders and volumes for the file tests.
 #include "ScratchVolumes.h"
 
-#include <acl/libacl.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -18,14 +16,12 @@
 #include <grp.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
-#include <sys/acl.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace qztest {
@@ -271,32 +267,6 @@ void setImmutable(const std::string &path)
 {
     const int flags = inodeFlags(path);
     ASSERT_TRUE(flags >= 0 && inodeFlags(path, flags | FS_IMMUTABLE_FL) >= 0) << path;
-}
-
-std::map<std::string, std::string> userAttributes(const std::string &path)
-{
-    std::map<std::string, std::string> attributes;
-    char names[8192], value[65536];
-    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
-    for (const char *name = names; size > 0 && name < names + size; name += std::strlen(name) + 1) {
-        const ssize_t length = lgetxattr(path.c_str(), name, value, sizeof value);
-        if (std::strncmp(name, "user.", 5) == 0)
-            attributes[name] = std::string(value, static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    }
-    return attributes;
-}
-
-std::string aclText(const std::string &path, bool defaultList)
-{
-    std::string text;
-    acl_t acl = acl_get_file(path.c_str(), defaultList ? ACL_TYPE_DEFAULT : ACL_TYPE_ACCESS);
-    if (char *converted = acl ? acl_to_any_text(acl, nullptr, ',', 0) : nullptr) {
-        text = converted;
-        acl_free(converted);
-    }
-    if (acl)
-        acl_free(acl);
-    return text;
 }
 
 } // namespace qztest

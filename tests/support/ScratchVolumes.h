@@ -84,7 +84,5 @@ mode_t modeOf(const std::string &path);   // lstat's st_mode, 0 when there is no
 inline bool exists(const std::string &path) { return modeOf(path) != 0; }
 bool isImmutable(const std::string &path);
 void setImmutable(const std::string &path);
-std::map<std::string, std::string> userAttributes(const std::string &path);   // name -> value
-std::string aclText(const std::string &path, bool defaultList = false);
 
 } // namespace qztest
