@@ -167,17 +167,19 @@ ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
         m_ok = m_mounted = runProgram({ "mkfs.ext4", "-q", "-F", "-b", "4096", image, "256M" }).status == 0
                 && runProgram({ "mount", "-o", "loop", image, m_root }).status == 0;
     } else if (canMount() && runProgram({ "mkfs.vfat", "-C", image, std::to_string(bytes >> 10) }).status == 0) {
-        // The FUSE driver (the kernel here has no FAT driver) in the foreground, as a child that
-        // dies with this process.
+        // The image goes on a loop device, which the FUSE driver serves (the kernel here has no
+        // FAT driver), in the foreground as a child that dies with this process.
+        const Outcome attached = runProgram({ "losetup", "--find", "--show", image });
+        m_loop = attached.status == 0 ? attached.output.substr(0, attached.output.find('\n')) : std::string();
         const pid_t parent = getpid();
-        m_fuse = fork();
+        m_fuse = m_loop.empty() ? -1 : fork();
         if (m_fuse == 0) {
             prctl(PR_SET_PDEATHSIG, SIGTERM);
             if (getppid() == parent)
-                execlp("fusefat", "fusefat", "-f", "-o", "rw+", image.c_str(), m_root.c_str(), nullptr);
+                execlp("fusefat", "fusefat", "-f", "-o", "rw+", m_loop.c_str(), m_root.c_str(), nullptr);
             _exit(127);
         }
-        for (int i = 0; i < 500 && !m_mounted && waitpid(m_fuse, nullptr, WNOHANG) == 0; i++) {
+        for (int i = 0; m_fuse > 0 && i < 500 && !m_mounted && waitpid(m_fuse, nullptr, WNOHANG) == 0; i++) {
             m_mounted = statfs(m_root.c_str(), &fs) == 0 && fs.f_type == FUSE_SUPER_MAGIC;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
@@ -197,6 +199,8 @@ ScratchVolume::~ScratchVolume()
         kill(m_fuse, SIGKILL);
         waitpid(m_fuse, nullptr, 0);
     }
+    if (!m_loop.empty())
+        runProgram({ "losetup", "--detach", m_loop });
 }
 
 void makeFolder(const std::string &path, mode_t mode)

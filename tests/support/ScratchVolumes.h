@@ -67,6 +67,7 @@ private:
     ScratchFolder m_home;
     std::string m_root;
     pid_t m_fuse = -1;
+    std::string m_loop;   // the FAT image's loop device
     bool m_mounted = false, m_ok = false;
 };
 
