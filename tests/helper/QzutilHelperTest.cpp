@@ -5,54 +5,37 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-using qztest::runQzutil;
-
 namespace {
 
-TEST(QzutilHelper, RunsACommandThroughTheHelperBesideIt)
+TEST(QzutilHelper, RunsCommandsThroughTheHelperBesideItAndCopiesFiles)
 {
     QTemporaryDir dir;
     const QString file = dir.filePath(QStringLiteral("doomed file"));
-    QFile(file).open(QIODevice::WriteOnly);
-
-    qztest::ToolResult result = runQzutil({ QStringLiteral("helper"), QStringLiteral("unlink"), file });
-    EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
-    EXPECT_EQ(result.out, QByteArray("status 0\n"));
-    EXPECT_FALSE(QFile::exists(file));
-
-    result = runQzutil({ QStringLiteral("helper"), QStringLiteral("unlink"), file });
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.out, QByteArray("status 2\n"));
-    EXPECT_EQ(result.err, QByteArray("qzutil: unlink: No such file or directory (status 2)\n"));
-
-    result = runQzutil({ QStringLiteral("helper"), QStringLiteral("--helper"), QStringLiteral("/nonexistent"),
-                         QStringLiteral("unlink"), file });
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.out, QByteArray("status 10002\n"));
-    // The library's console log says why, then qzutil gives its one-line reason.
-    EXPECT_TRUE(result.err.contains("Exception caught whilst trying to start helper: /nonexistent: ")) << result.err.toStdString();
-    EXPECT_TRUE(result.err.endsWith("qzutil: unlink: the helper could not be reached (status 10002)\n"));
-
-    result = runQzutil({ QStringLiteral("helper") });
-    EXPECT_EQ(result.exitCode, 2);
-    EXPECT_EQ(result.err, QByteArray("usage: qzutil helper [--helper PATH] WORD [ARG...]\n"));
-}
-
-TEST(QzutilHelper, AuthCatCopiesAFile)
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("text"));
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     const QByteArray text(100000, 'q');
-    file.write(text);
-    file.close();
-    qztest::ToolResult result = runQzutil({ QStringLiteral("auth-cat"), path });
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.out, text);
-    result = runQzutil({ QStringLiteral("auth-cat"), dir.filePath(QStringLiteral("missing")) });
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_TRUE(result.err.endsWith(": No such file or directory\n")) << result.err.toStdString();
+    QFile output(file);
+    ASSERT_TRUE(output.open(QIODevice::WriteOnly) && output.write(text) == text.size());
+    output.close();
+    const QString helper = QStringLiteral("helper"), unlink = QStringLiteral("unlink"), cat = QStringLiteral("auth-cat");
+    // Each run: arguments, exit code, output, how standard error ends.
+    const struct {
+        QStringList arguments;
+        int exitCode;
+        QByteArray out, errorEnd;
+    } runs[] = {
+        { { cat, file }, 0, text, "" },
+        { { helper, unlink, file }, 0, "status 0\n", "" },
+        { { helper, unlink, file }, 1, "status 2\n", "qzutil: unlink: No such file or directory (status 2)\n" },
+        { { helper, QStringLiteral("--helper"), QStringLiteral("/nonexistent"), unlink, file }, 1, "status 10002\n",
+          "start helper: /nonexistent: No such file or directory\n"
+          "qzutil: unlink: the helper could not be reached (status 10002)\n" },
+        { { cat, file }, 1, "", ": No such file or directory\n" },
+    };
+    for (const auto &each : runs) {
+        const qztest::ToolResult result = qztest::runQzutil(each.arguments);
+        EXPECT_EQ(result.exitCode, each.exitCode) << each.arguments.join(QLatin1Char(' ')).toStdString();
+        EXPECT_EQ(result.out, each.out);
+        EXPECT_TRUE(result.err.endsWith(each.errorEnd)) << result.err.toStdString();
+    }
 }
 
 } // namespace
