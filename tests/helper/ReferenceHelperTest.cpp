@@ -54,7 +54,9 @@ private:
 QString aclText(const QByteArray &path)
 {
     acl_t acl = acl_get_file(path.constData(), ACL_TYPE_ACCESS);
-    char *text = acl ? acl_to_any_text(acl, nullptr, ',', TEXT_NUMERIC_IDS) : nullptr;
+    if (!acl)
+        return QString();
+    char *text = acl_to_any_text(acl, nullptr, ',', TEXT_NUMERIC_IDS);
     const QString result = QString::fromUtf8(text);
     acl_free(text);
     acl_free(acl);
