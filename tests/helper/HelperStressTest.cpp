@@ -1,6 +1,5 @@
-// The channel under restarts and under load while its helper is killed: every call returns
-// (a call that hangs shows as the test's time-out), and neither descriptors nor child
-// processes pile up.
+// The channel under load while its helper is killed over and over: every call returns (a call
+// that hangs shows as the test's time-out), and neither descriptors nor child processes pile up.
 #include "HelperTestSupport.h"
 
 #include <atomic>
@@ -26,7 +25,8 @@ qint32 echo(const QByteArray &data)
     return status == 0 && command->data() != data ? -1 : status;
 }
 
-TEST(HelperStress, RestartsAndKillsUnderLoadLoseNoCallAndLeaveNothingBehind)
+// Eight threads call while the helper is killed every few milliseconds, 100 times.
+TEST(HelperStress, KillsUnderLoadLoseNoCallAndLeaveNothingBehind)
 {
     tool()->setHelperPath(QStringLiteral(QZHELPER_PATH));
     QByteArray large(3 * 1024 * 1024, '\0');   // reply data far larger than a line
@@ -36,46 +36,29 @@ TEST(HelperStress, RestartsAndKillsUnderLoadLoseNoCallAndLeaveNothingBehind)
     tool()->terminateHelper();
     const int descriptors = qztest::openDescriptorCount();
 
-    // 100 restarts, the helper stopped and killed by turns; a call after a stop always succeeds.
-    int succeeded = 0;
-    for (int i = 0; i < 100; ++i) {
-        const qint32 status = echo(QByteArray::number(i));
-        ASSERT_TRUE(status == 0 || status == 10002) << status;
-        succeeded += status == 0;
-        if (i % 2)
-            tool()->terminateHelper();
-        else
-            QZHelperToolTesting::signalHelper(tool(), SIGKILL);
-    }
-    EXPECT_GE(succeeded, 50);
-    tool()->terminateHelper();
-    EXPECT_EQ(qztest::openDescriptorCount(), descriptors);
-    EXPECT_TRUE(qztest::hasNoChildren());
-
-    // Eight threads calling while the helper is killed every few milliseconds.
-    constexpr int kThreads = 8, kCalls = 400;
-    std::atomic<int> replied { 0 }, failed { 0 }, running { kThreads };
+    std::atomic<int> replied { 0 }, failed { 0 };
+    std::atomic<bool> stop { false };
     std::vector<std::thread> callers;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 8; ++t) {
         callers.emplace_back([&, t] {
-            for (int i = 0; i < kCalls; ++i) {
+            for (int i = 0; !stop; ++i) {
                 const qint32 status = echo(QByteArray::number(t) + ':' + QByteArray::number(i));
                 EXPECT_TRUE(status == 0 || status == 10002) << status;
                 ++(status == 0 ? replied : failed);
             }
-            --running;
         });
     }
     int kills = 0;
-    while (running > 0) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (kills < 100 && std::chrono::steady_clock::now() < deadline) {
         kills += QZHelperToolTesting::signalHelper(tool(), SIGKILL);
         std::this_thread::sleep_for(std::chrono::milliseconds(3));
     }
+    stop = true;
     for (std::thread &caller : callers)
         caller.join();
-    EXPECT_GT(kills, 10);
-    EXPECT_EQ(replied + failed, kThreads * kCalls);
-    EXPECT_GT(replied, 0);
+    EXPECT_EQ(kills, 100);
+    EXPECT_GT(replied, 100);
     EXPECT_GT(failed, 0);
 
     EXPECT_EQ(echo("after"), 0);   // the next call starts a new helper

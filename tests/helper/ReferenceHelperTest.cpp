@@ -8,7 +8,8 @@
 #include <acl/libacl.h>
 #include <sys/acl.h>
 
-#include <cstdio>
+#include <QProcess>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -159,19 +160,16 @@ HelperRun runHelper(const QByteArray &program, const QByteArray &input, void (*i
 {
     HelperRun run;
     int sockets[2];
-    FILE *errors = std::tmpfile();
-    if (!errors || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0)
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0)
         return run;
-    const pid_t child = fork();
-    if (child == 0) {
+    QProcess process;
+    process.setChildProcessModifier([&] {
         dup2(sockets[1], 0);
         dup2(sockets[1], 1);
-        dup2(fileno(errors), 2);
         if (inChild)
             inChild();
-        execl(program.constData(), program.constData(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
+    });
+    process.start(QFile::decodeName(program), {});
     close(sockets[1]);
     EXPECT_EQ(send(sockets[0], input.constData(), static_cast<size_t>(input.size()), MSG_NOSIGNAL), input.size());
     shutdown(sockets[0], SHUT_WR);
@@ -179,13 +177,9 @@ HelperRun runHelper(const QByteArray &program, const QByteArray &input, void (*i
     for (ssize_t got; (got = recv(sockets[0], buffer, sizeof buffer, 0)) > 0;)
         run.output.append(buffer, got);
     close(sockets[0]);
-    int status = 0;
-    if (waitpid(child, &status, 0) == child && WIFEXITED(status))
-        run.status = WEXITSTATUS(status);
-    QFile file;
-    if (std::fseek(errors, 0, SEEK_SET) == 0 && file.open(fileno(errors), QIODevice::ReadOnly))
-        run.errors = file.readAll();
-    std::fclose(errors);
+    EXPECT_TRUE(process.waitForFinished());
+    run.errors = process.readAllStandardError();
+    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     return run;
 }
 
