@@ -14,13 +14,9 @@
 using qztest::ConsoleCapture;
 using qztest::FakeHelper;
 using qztest::processEventsUntil;
+using qztest::tool;
 
 namespace {
-
-QZHelperTool *tool()
-{
-    return QZHelperTool::sharedInstance();
-}
 
 // Records progress as "TEXT@THREAD" and finish notices as "STATUS@THREAD" (THREAD is "main" on
 // the main thread).

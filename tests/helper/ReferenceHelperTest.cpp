@@ -1,7 +1,8 @@
 // The reference helper, through the library as root and from a child that dropped root (with
-// a set-user-id stand-in for pkexec), and by hand over a socket pair: its commands, its answers
-// to garbage, and its checks of who runs it and who talks to it.
+// a set-user-id stand-in for pkexec), through qzutil, and by hand over a socket pair: its
+// commands, its answers to garbage, and its checks of who runs it and who talks to it.
 #include "HelperTestSupport.h"
+#include "support/QzutilRunner.h"
 
 #include <QZApp/helper/helper_command.h>
 
@@ -17,39 +18,16 @@
 #include <sys/socket.h>
 
 using qztest::kNobody;
+using qztest::tool;
 
 extern "C" int32_t c_echo(const char *text, void **reply, uint32_t *length);
 
 namespace {
 
-QZHelperTool *tool()
-{
-    return QZHelperTool::sharedInstance();
-}
-
-// A folder that every user may enter; the library uses the reference helper meanwhile.
-class Workspace
-{
-public:
-    Workspace()
-    {
-        chmod(QFile::encodeName(m_dir.path()).constData(), 0755);
-        tool()->setHelperPath(QStringLiteral(QZHELPER_PATH));
-    }
+// A folder for the test; the library uses the reference helper meanwhile.
+struct Workspace : qztest::Folder {
+    Workspace() { tool()->setHelperPath(QStringLiteral(QZHELPER_PATH)); }
     ~Workspace() { tool()->terminateHelper(); }
-
-    QByteArray path(const char *name) const { return QFile::encodeName(m_dir.filePath(QLatin1String(name))); }
-    QByteArray write(const char *name, const QByteArray &text, mode_t mode) const
-    {
-        QFile file(QFile::decodeName(path(name)));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(text) == text.size());
-        file.close();
-        chmod(path(name).constData(), mode);
-        return path(name);
-    }
-
-private:
-    QTemporaryDir m_dir;
 };
 
 QString aclText(const QByteArray &path)
@@ -86,22 +64,9 @@ TEST(ReferenceHelper, AccessControlListsGrantAndRevoke)
     EXPECT_EQ(authorise_global(workspace.path("missing").constData(), 4), ENOENT);
 }
 
-// The C interface used from C; a reply without data gives a null pointer.
-TEST(ReferenceHelper, EchoesFromC)
-{
-    Workspace workspace;
-    void *reply = &reply;
-    uint32_t length = 99;
-    EXPECT_EQ(c_echo("", &reply, &length), 0);
-    EXPECT_EQ(reply, nullptr);
-    EXPECT_EQ(length, 0u);
-    EXPECT_EQ(c_echo("from C", &reply, &length), 0);
-    EXPECT_EQ(QByteArray(static_cast<const char *>(reply), length), QByteArray("from C"));
-    std::free(reply);
-}
-
 // The deployment shape: a client without privileges, and beside a copy of the helper a
-// set-user-id launcher that runs it as root. Chown and unlink never follow a final link.
+// set-user-id launcher that runs it as root. Chown and unlink never follow a final link; the
+// C interface also works from C.
 TEST(ReferenceHelper, DoesForAnUnprivilegedClientWhatOnlyRootMay)
 {
     Workspace workspace;
@@ -131,6 +96,13 @@ TEST(ReferenceHelper, DoesForAnUnprivilegedClientWhatOnlyRootMay)
             return 13;
         if (auth_unlink(link.constData()) != 0 || auth_unlink(link.constData()) != -1 || errno != ENOENT)
             return 14;
+        void *reply = &reply;   // from C; a reply without data gives a null pointer
+        uint32_t length = 99;
+        if (c_echo("", &reply, &length) != 0 || reply || length != 0)
+            return 15;
+        if (c_echo("from C", &reply, &length) != 0 || length != 6 || std::memcmp(reply, "from C", 6) != 0)
+            return 16;
+        std::free(reply);
         tool()->terminateHelper();
         return 0;
     });
@@ -171,7 +143,9 @@ HelperRun runHelper(const QByteArray &program, const QByteArray &input, void (*i
     });
     process.start(QFile::decodeName(program), {});
     close(sockets[1]);
-    EXPECT_EQ(send(sockets[0], input.constData(), static_cast<size_t>(input.size()), MSG_NOSIGNAL), input.size());
+    if (!input.isEmpty()) {   // a helper that refuses to run may be gone already
+        EXPECT_EQ(send(sockets[0], input.constData(), static_cast<size_t>(input.size()), MSG_NOSIGNAL), input.size());
+    }
     shutdown(sockets[0], SHUT_WR);
     char buffer[4096];
     for (ssize_t got; (got = recv(sockets[0], buffer, sizeof buffer, 0)) > 0;)
@@ -247,6 +221,36 @@ TEST(ReferenceHelper, RefusesOtherClientsAndToRunSetUserId)
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(run.errors.startsWith("qzhelper: will not run set-user-id or set-group-id (real user 65534, "
                                       "effective user 0)")) << run.errors.toStdString();
+}
+
+// qzutil helper and qzutil auth-cat as whole processes, with the helper beside qzutil.
+TEST(ReferenceHelper, RunsCommandsFromQzutilAndCopiesFiles)
+{
+    qztest::Folder folder;
+    const QString file = QFile::decodeName(folder.path("doomed file"));
+    const QByteArray text(100000, 'q');
+    folder.write("doomed file", text, 0644);
+    const QString helper = QStringLiteral("helper"), unlink = QStringLiteral("unlink"), cat = QStringLiteral("auth-cat");
+    // Each run: arguments, exit code, output, how standard error ends.
+    const struct {
+        QStringList arguments;
+        int exitCode;
+        QByteArray out, errorEnd;
+    } runs[] = {
+        { { cat, file }, 0, text, "" },
+        { { helper, unlink, file }, 0, "status 0\n", "" },
+        { { helper, unlink, file }, 1, "status 2\n", "qzutil: unlink: No such file or directory (status 2)\n" },
+        { { helper, QStringLiteral("--helper"), QStringLiteral("/nonexistent"), unlink, file }, 1, "status 10002\n",
+          "start helper: /nonexistent: No such file or directory\n"
+          "qzutil: unlink: the helper could not be reached (status 10002)\n" },
+        { { cat, file }, 1, "", ": No such file or directory\n" },
+    };
+    for (const auto &each : runs) {
+        const qztest::ToolResult result = qztest::runQzutil(each.arguments);
+        EXPECT_EQ(result.exitCode, each.exitCode) << each.arguments.join(QLatin1Char(' ')).toStdString();
+        EXPECT_EQ(result.out, each.out);
+        EXPECT_TRUE(result.err.endsWith(each.errorEnd)) << result.err.toStdString();
+    }
 }
 
 } // namespace
