@@ -85,7 +85,7 @@ TEST(HelperChannel, ReceiverReadsSplitDataAndLogsWhatMatchesNoCommand)
 {
     ConsoleCapture console;
     const QByteArray noise(HELPER_MAX_LINE, 'x');   // no newline within the longest line
-    FakeHelper fake("read\nread\nsend 1 REPLY 0 5\\nab\nsleep 100\nsend cde99 REPLY 0 0\\nfree text\\n\\n"
+    FakeHelper fake("read\nread\nsend 1 REPLY 0 5\\nab\nsend cde99 REPLY 0 0\\nfree text\\n\\n"
                     "2 BOGUS 1 2\\n2 PROGRESS unheard\\n\nsend " + noise + "\nsend 2 REPLY 3 0\\n");
     const auto first = tool()->issueCommand(QStringLiteral("first"));
     const auto second = tool()->issueCommand(QStringLiteral("second"));

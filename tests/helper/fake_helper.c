@@ -6,9 +6,9 @@
  *   read                 read up to the end of the next line
  *   send TEXT            write TEXT, in which \n stands for a newline
  *   sendfd N PATH TEXT   write TEXT with N (1 or 2) descriptors of PATH in one SCM_RIGHTS message
- *   sleep MS             pause
  *   exit                 exit at once
- * After the last action it reads until its input ends, and then exits.
+ * Each write is followed by a pause of 50 ms, so that the receiver reads it on its own. After the
+ * last action it reads until its input ends, and then exits.
  */
 #include <err.h>
 #include <errno.h>
@@ -40,7 +40,9 @@ static void send_text(const char *text, int count, const char *path)
     size_t length = 0;
     for (; *text; text++)
         bytes[length++] = text[0] == '\\' && text[1] == 'n' ? (text++, '\n') : text[0];
-    int fds[2] = { -1, -1 };
+    const int fds[2] = { count > 0 ? open(path, O_RDONLY) : -1, count > 1 ? open(path, O_RDONLY) : -1 };
+    if ((count > 0 && fds[0] < 0) || (count > 1 && fds[1] < 0))
+        err(3, "%s", path);
     union {
         struct cmsghdr header;
         char space[CMSG_SPACE(sizeof(fds))];
@@ -55,15 +57,13 @@ static void send_text(const char *text, int count, const char *path)
         rights->cmsg_level = SOL_SOCKET;
         rights->cmsg_type = SCM_RIGHTS;
         rights->cmsg_len = CMSG_LEN(sizeof(int) * (size_t)count);
-        for (int i = 0; i < count; i++)
-            if ((fds[i] = open(path, O_RDONLY)) < 0)
-                err(3, "%s", path);
         memcpy(CMSG_DATA(rights), fds, sizeof(int) * (size_t)count);
     }
     if (sendmsg(STDOUT_FILENO, &message, MSG_NOSIGNAL) != (ssize_t)length)
         err(3, "sendmsg");
     for (int i = 0; i < count; i++)
         close(fds[i]);
+    nanosleep(&(struct timespec) { 0, 50 * 1000000 }, NULL);
 }
 
 int main(void)
@@ -95,9 +95,6 @@ int main(void)
                 errx(2, "sendfd N PATH TEXT");
             *file++ = *text++ = '\0';
             send_text(text, atoi(argument), file);
-        } else if (strcmp(line, "sleep") == 0) {
-            const long ms = argument ? atol(argument) : 0;
-            nanosleep(&(struct timespec) { ms / 1000, (ms % 1000) * 1000000 }, NULL);
         } else if (strcmp(line, "exit") == 0) {
             return 0;
         } else if (line[0] != '\0') {
