@@ -239,7 +239,7 @@ TEST(ReferenceHelper, RunsCommandsFromQzutilAndCopiesFiles)
         { { helper, unlink, file }, 0, "status 0\n", "" },
         { { helper, unlink, file }, 1, "status 2\n", "qzutil: unlink: No such file or directory (status 2)\n" },
         { { helper, QStringLiteral("--helper"), QStringLiteral("/nonexistent"), unlink, file }, 1, "status 10002\n",
-          "start helper: /nonexistent: No such file or directory\n"
+          "Exception caught whilst trying to start helper: /nonexistent: No such file or directory\n"
           "qzutil: unlink: the helper could not be reached (status 10002)\n" },
     };
     for (const auto &each : runs) {
