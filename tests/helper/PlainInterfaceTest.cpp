@@ -28,6 +28,7 @@ TEST(PlainInterface, WrappersSendTheirArgumentVectorsAndReportStatuses)
         { [] { return revoke_access("/p", 501); }, 0, 0, 0, "revoke 501 /p" },
         { [] { return authorise_global("/p", 12); }, 5, 5, 0, "authorise_global /p 12" },
         { [&] { return auth_openx("/f", 0x241, 0644, 1, nullptr, &fd); }, 13, 13, 0, "access /f 241 1a4 1" },
+        { [&] { return auth_openx("/g", 0, 0, 2, "", &fd); }, 0, 10002, 0, "access /g 0 0 2 \"\"" },   // nothing offered
         { [] { return auth_unlink("/gone"); }, 10002, -1, 10002, "unlink /gone" },
     };
     QByteArray script, expected;

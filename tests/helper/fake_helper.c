@@ -79,7 +79,10 @@ int main(void)
     }
     for (int i = 0; i < 32; i++)
         read_byte();
-    char *rest = strdup(script), *line;
+    static char copy[1 << 17];
+    if (snprintf(copy, sizeof(copy), "%s", script) >= (int)sizeof(copy))
+        errx(2, "script too long");
+    char *rest = copy, *line;
     while ((line = strsep(&rest, "\n"))) {
         char *argument = strchr(line, ' ');
         if (argument)
