@@ -3,6 +3,7 @@
 // and the programming faults it reports.
 #include "HelperTestSupport.h"
 
+#include <QZApp/QZConsoleLog.h>
 #include <QZApp/QZMainThread.h>
 
 #include <cstring>
@@ -181,24 +182,21 @@ TEST(HelperChannel, ProgrammingFaultsAreReportedWithTheirPlaces)
     EXPECT_EQ(QStringLiteral("%1 %2:%3 %4").arg(failure.method(), failure.file()).arg(failure.line()).arg(failure.description()),
               QStringLiteral("QZHelperTool::QZHelperTool app-common/QZApp/helper/QZHelperTool:73 Oops!"));
 
-    struct Recorder : QZAssertionHandler {
+    struct Logger : QZAssertionHandler {   // a host's handler that logs and returns
         void handleFailureInMethod(const char *method, const void *, const char *file, int line,
                                    const QString &text) override
         {
-            std::lock_guard guard(mutex);
-            report = QStringLiteral("%1 %2:%3 %4").arg(QLatin1String(method), QLatin1String(file)).arg(line).arg(text);
+            QZLog(QStringLiteral("%1 %2:%3 %4").arg(QLatin1String(method), QLatin1String(file)).arg(line).arg(text));
         }
-        std::mutex mutex;
-        QString report;
     };
-    static Recorder recorder;
-    QZHelperToolTesting::setReceiverThreadHook([] { QZAssertionHandler::setCurrentHandler(&recorder); });
+    static Logger logger;
+    QZHelperToolTesting::setReceiverThreadHook([] { QZAssertionHandler::setCurrentHandler(&logger); });
+    ConsoleCapture console;
     FakeHelper fake("read\nsend 1 REPLY -2147483648 0\\n\nread\nsend 2 REPLY 4 0\\n");
-    EXPECT_EQ(tool()->performCommand(QStringLiteral("bad")), 10002);   // the host's handler returned
-    EXPECT_EQ(tool()->performCommand(QStringLiteral("good")), 4);      // and the channel goes on
-    std::lock_guard guard(recorder.mutex);
-    EXPECT_EQ(recorder.report, QStringLiteral("QZHelperTool::receiveThread app-common/QZApp/helper/QZHelperTool:356 "
-                                              "Helper returned invalid error!"));
+    EXPECT_EQ(tool()->performCommand(QStringLiteral("bad")), 10002);
+    EXPECT_EQ(tool()->performCommand(QStringLiteral("good")), 4);   // the channel goes on
+    EXPECT_EQ(console.lines(), QStringList { QStringLiteral("QZHelperTool::receiveThread "
+                                                            "app-common/QZApp/helper/QZHelperTool:356 Helper returned invalid error!") });
 }
 
 } // namespace
