@@ -8,11 +8,13 @@
  *   sendfd N PATH TEXT   write TEXT with N (1 or 2) descriptors of PATH in one SCM_RIGHTS message
  *   exit                 exit at once
  * Each write is followed by a pause of 50 ms, so that the receiver reads it on its own. After the
- * last action it reads until its input ends, and then exits.
+ * last action it reads until its input ends, and then exits; like a helper running as another
+ * user, it does not stop for the client's SIGTERM, so everything the client sent is recorded.
  */
 #include <err.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -69,7 +71,7 @@ static void send_text(const char *text, int count, const char *path)
 int main(void)
 {
     const char *dir = getenv("QZ_FAKE_HELPER_DIR"), *script = getenv("QZ_FAKE_HELPER_SCRIPT");
-    if (!dir || !script)
+    if (!dir || !script || signal(SIGTERM, SIG_IGN) == SIG_ERR)
         return 2;
     char path[4096];
     for (int run = 1; record_fd < 0; run++) {
