@@ -1,6 +1,7 @@
 // The channel's receiver fed arbitrary byte streams by a "helper" on the other end of a socket
-// pair: lines, reply data, descriptors (one, two, or none per write) and the end of the stream.
-// Three commands are running (identifiers 1 to 3) and one caller waits for a descriptor.
+// pair: lines, reply data, descriptors (none, one or two per write) and the end of the stream.
+// Three commands are running (identifiers 1 to 3) and a caller waits for the first one's
+// descriptor; the end of the stream must complete them all.
 #include <QZApp/QZAssertionHandler.h>
 #include <QZApp/helper/QZHelperTool.h>
 #include <QZApp/helper/QZHelperTool_p.h>
@@ -10,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -18,36 +20,33 @@
 
 namespace {
 
-// A helper may claim the no-reply status; the fuzzed host's handler logs and lets it pass.
+// A helper may claim the no-reply status; the fuzzed host's handler lets it pass.
 struct Quiet : QZAssertionHandler {
     void handleFailureInMethod(const char *, const void *, const char *, int, const QString &) override {}
 };
 
-void sendChunk(int socket, const uint8_t *bytes, size_t length, int descriptors)
+// Writes `length` bytes (if any) with `count` (0 to 2) descriptors in one SCM_RIGHTS message.
+void sendChunk(int socket, const uint8_t *bytes, size_t length, size_t count)
 {
-    if (length == 0)
-        return;
+    int fds[2] = { open("/dev/null", O_RDONLY | O_CLOEXEC), open("/dev/null", O_RDONLY | O_CLOEXEC) };
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof fds)] = {};
     iovec part { const_cast<uint8_t *>(bytes), length };
     msghdr message {};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
-    int fds[2] = { -1, -1 };
-    if (descriptors > 0) {
-        for (int i = 0; i < descriptors; ++i)
-            fds[i] = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (count > 0) {
         message.msg_control = control;
-        message.msg_controllen = CMSG_SPACE(sizeof(int) * static_cast<size_t>(descriptors));
+        message.msg_controllen = CMSG_SPACE(sizeof(int) * count);
         cmsghdr *rights = CMSG_FIRSTHDR(&message);
         rights->cmsg_level = SOL_SOCKET;
         rights->cmsg_type = SCM_RIGHTS;
-        rights->cmsg_len = CMSG_LEN(sizeof(int) * static_cast<size_t>(descriptors));
-        std::memcpy(CMSG_DATA(rights), fds, sizeof(int) * static_cast<size_t>(descriptors));
+        rights->cmsg_len = CMSG_LEN(sizeof(int) * count);
+        std::memcpy(CMSG_DATA(rights), fds, sizeof(int) * count);
     }
-    sendmsg(socket, &message, MSG_NOSIGNAL);
-    for (int fd : fds)
-        if (fd >= 0)
-            close(fd);
+    if (length > 0)
+        sendmsg(socket, &message, MSG_NOSIGNAL);
+    close(fds[0]);
+    close(fds[1]);
 }
 
 } // namespace
@@ -80,27 +79,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!commands.empty())
         fetcher = std::thread([&] { fetched = tool->getFileDescriptorForCommand(commands.front()); });
 
-    // The first byte says which of up to three chunks carry descriptors; the next two where
-    // the stream is cut.
+    // The first byte says which of three chunks carry descriptors, the next two where the
+    // stream is cut.
     if (size >= 3) {
         const size_t rest = size - 3;
-        size_t cuts[2] = { data[1] * rest / 256, data[2] * rest / 256 };
-        if (cuts[0] > cuts[1])
-            std::swap(cuts[0], cuts[1]);
-        const uint8_t *body = data + 3;
-        sendChunk(sockets[1], body, cuts[0], data[0] % 3);
-        sendChunk(sockets[1], body + cuts[0], cuts[1] - cuts[0], (data[0] / 3) % 3);
-        sendChunk(sockets[1], body + cuts[1], rest - cuts[1], (data[0] / 9) % 3);
-    } else {
-        sendChunk(sockets[1], data, size, 0);
+        size_t cuts[4] = { 0, data[1] * rest / 256, data[2] * rest / 256, rest };
+        if (cuts[1] > cuts[2])
+            std::swap(cuts[1], cuts[2]);
+        for (size_t i = 0, kinds = data[0]; i < 3; ++i, kinds /= 3)
+            sendChunk(sockets[1], data + 3 + cuts[i], cuts[i + 1] - cuts[i], kinds % 3);
     }
     shutdown(sockets[1], SHUT_WR);
 
-    for (const auto &command : commands) {
-        command->getStatus();
-        if (command->status() == QZHelperCommand::NoReply)
-            __builtin_trap();   // the end of the stream completes every command
-    }
+    for (const auto &command : commands)
+        if (command->getStatus() == QZHelperCommand::NoReply)
+            __builtin_trap();
     if (fetcher.joinable())
         fetcher.join();
     if (fetched >= 0)

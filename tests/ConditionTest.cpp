@@ -6,65 +6,48 @@
 
 #include <QDateTime>
 #include <QElapsedTimer>
-#include <QRegularExpression>
 
-#include <atomic>
 #include <thread>
 
 using qztest::expectAssertion;
 
 namespace {
 
-void expectFailure(const QZAssertionFailure &failure, const char *method, int line, const char *text)
-{
-    EXPECT_EQ(failure.method(), QLatin1String(method));
-    EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZCondition"));
-    EXPECT_EQ(failure.line(), line);
-    EXPECT_EQ(failure.description(), QLatin1String(text));
-}
-
-TEST(Condition, RelockingOnTheHoldingThreadRaisesDeadLockAndKeepsOneHold)
+TEST(Condition, MisuseRaisesItsTextWithTheMethodAndLineAndTheDescriptionNamesIt)
 {
     QZCondition condition;
+    const auto expectFailure = [&](const std::function<void()> &operation, const char *method, int line, const char *text) {
+        const QZAssertionFailure failure = expectAssertion(operation);
+        EXPECT_EQ(failure.method(), QLatin1String(method));
+        EXPECT_EQ(failure.object(), &condition);
+        EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZCondition"));
+        EXPECT_EQ(failure.line(), line);
+        EXPECT_EQ(failure.description(), QLatin1String(text));
+    };
+    expectFailure([&] { condition.wait(); }, "QZCondition::wait", 85, "Not locked!");
+    expectFailure([&] { condition.waitUntilDate(QDateTime::currentDateTime()); }, "QZCondition::waitUntilDate", 101, "Not locked!");
+    expectFailure([&] { condition.unlock(); }, "QZCondition::unlock", 74, "Not locked!");
     condition.lock();
-    const QZAssertionFailure failure = expectAssertion([&] { condition.lock(); });
-    expectFailure(failure, "QZCondition::lock", 41, "Dead lock!");
-    EXPECT_EQ(failure.object(), &condition);
-    expectFailure(expectAssertion([&] { condition.tryLock(); }), "QZCondition::tryLock", 56, "Dead lock!");
+    expectFailure([&] { condition.lock(); }, "QZCondition::lock", 41, "Dead lock!");
+    expectFailure([&] { condition.tryLock(); }, "QZCondition::tryLock", 56, "Dead lock!");
+    std::thread([&] {   // another thread may not unlock it, and cannot take it
+        expectFailure([&] { condition.unlock(); }, "QZCondition::unlock", 74, "Not locked!");
+        EXPECT_FALSE(condition.tryLock());
+    }).join();
     condition.unlock();   // held exactly once
-    expectFailure(expectAssertion([&] { condition.unlock(); }), "QZCondition::unlock", 74, "Not locked!");
-}
-
-TEST(Condition, OnlyTheHolderMayUnlockOrWait)
-{
-    QZCondition condition;
-    expectFailure(expectAssertion([&] { condition.wait(); }), "QZCondition::wait", 85, "Not locked!");
-    expectFailure(expectAssertion([&] { condition.waitUntilDate(QDateTime::currentDateTime()); }),
-                  "QZCondition::waitUntilDate", 101, "Not locked!");
-
-    condition.lock();
-    QString otherThreadText;
-    bool otherTryLock = true;
-    std::thread other([&] {
-        otherThreadText = expectAssertion([&] { condition.unlock(); }).description();
-        otherTryLock = condition.tryLock();   // busy: false at once
-    });
-    other.join();
-    EXPECT_EQ(otherThreadText, QLatin1String("Not locked!"));
-    EXPECT_FALSE(otherTryLock);
-    condition.unlock();
     EXPECT_TRUE(condition.tryLock());
     condition.unlock();
+    const QString address = QString::asprintf("%p", static_cast<void *>(&condition));
+    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1>").arg(address));
+    condition.setName(QStringLiteral("channel"));
+    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1> 'channel'").arg(address));
 }
 
 TEST(Condition, HandlerThatReturnsLetsTheOperationGiveUp)
 {
     struct Recorder : QZAssertionHandler {
         QStringList texts;
-        void handleFailureInMethod(const char *, const void *, const char *, int, const QString &text) override
-        {
-            texts.append(text);
-        }
+        void handleFailureInMethod(const char *, const void *, const char *, int, const QString &text) override { texts.append(text); }
     } recorder;
     QZAssertionHandler::setCurrentHandler(&recorder);
     QZCondition condition;
@@ -76,7 +59,7 @@ TEST(Condition, HandlerThatReturnsLetsTheOperationGiveUp)
     EXPECT_EQ(recorder.texts, QStringList({ QStringLiteral("Dead lock!"), QStringLiteral("Not locked!") }));
 }
 
-TEST(Condition, WaitAndBroadcastHandOverBetweenThreads)
+TEST(Condition, WaitAndBroadcastHandOverAndTheTimedWaitNeverSleeps)
 {
     QZCondition condition;
     int produced = 0;
@@ -91,33 +74,14 @@ TEST(Condition, WaitAndBroadcastHandOverBetweenThreads)
     condition.lock();
     while (produced < 1000)
         condition.wait();
-    condition.unlock();
     producer.join();
-    EXPECT_EQ(produced, 1000);
-}
-
-TEST(Condition, TimedWaitNeverSleepsAndReturnsHoldingTheLock)
-{
-    QZCondition condition;
-    condition.lock();
     QElapsedTimer timer;
     timer.start();
-    EXPECT_FALSE(condition.waitUntilDate(QDateTime::currentDateTime().addSecs(30)));
-    EXPECT_FALSE(condition.waitUntilDate(QDateTime::currentDateTime()));
-    EXPECT_FALSE(condition.waitUntilDate(QDateTime::fromMSecsSinceEpoch(500)));   // deadline is the epoch
-    EXPECT_FALSE(condition.waitUntilDate(QDateTime::fromMSecsSinceEpoch(-1500)));
+    for (const QDateTime &deadline : { QDateTime::currentDateTime().addSecs(30), QDateTime::currentDateTime(),
+                                       QDateTime::fromMSecsSinceEpoch(500), QDateTime::fromMSecsSinceEpoch(-1500) })
+        EXPECT_FALSE(condition.waitUntilDate(deadline));
     EXPECT_LT(timer.elapsed(), 1000);
     condition.unlock();   // still held by this thread
-}
-
-TEST(Condition, DescriptionShowsAddressAndName)
-{
-    QZCondition condition;
-    const QString address = QString::asprintf("%p", static_cast<void *>(&condition));
-    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1>").arg(address));
-    condition.setName(QStringLiteral("channel"));
-    EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1> 'channel'").arg(address));
-    EXPECT_EQ(condition.name(), QLatin1String("channel"));
 }
 
 TEST(ConditionDeathTest, DestroyingAHeldLockAborts)

@@ -5,8 +5,6 @@
 
 #include <QZApp/QZThreadProxy.h>
 
-using qztest::expectAssertion;
-
 namespace {
 
 struct Target {
@@ -17,20 +15,19 @@ struct Target {
 TEST(SafePerformUnsupported, EveryEntryPointReportsThePlainApplication)
 {
     auto target = std::make_shared<Target>();
-    const auto expectReport = [](const QZAssertionFailure &failure, const char *method, int line, const void *object) {
-        EXPECT_EQ(failure.method(), QLatin1String(method));
-        EXPECT_EQ(failure.object(), object);
-        EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZApplication"));
-        EXPECT_EQ(failure.line(), line);
-        EXPECT_EQ(failure.description(), QLatin1String("safelyPerformSelectorOnMainThread not supported"));
+    const std::pair<std::function<void()>, std::pair<const char *, int>> entries[] = {
+        { [&] { QZ::safelyPerformSelectorOnMainThread(target, &Target::add, 1); }, { "QZ::safelyPerformSelectorOnMainThread", 20 } },
+        { [&] { QZ::safelyPerformSelector(target, &Target::add, 1, 0.0); }, { "QZ::safelyPerformSelector", 32 } },
+        { [&] { QZ::safeMainThreadProxy(target.get()).call(&Target::add, 1); }, { "QZ::safelyPerformSelectorOnMainThread", 20 } },
     };
-    expectReport(expectAssertion([&] { QZ::safelyPerformSelectorOnMainThread(target, &Target::add, 1); }),
-                 "QZ::safelyPerformSelectorOnMainThread", 20, target.get());
-    expectReport(expectAssertion([&] { QZ::safelyPerformSelector(target, &Target::add, 1, 0.0); }),
-                 "QZ::safelyPerformSelector", 32, target.get());
-    expectReport(expectAssertion([&] { QZ::safeMainThreadProxy(target.get()).call(&Target::add, 1); }),
-                 "QZ::safelyPerformSelectorOnMainThread", 20, target.get());
-
+    for (const auto &[operation, site] : entries) {
+        const QZAssertionFailure failure = qztest::expectAssertion(operation);
+        EXPECT_EQ(failure.method(), QLatin1String(site.first));
+        EXPECT_EQ(failure.object(), target.get());
+        EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZApplication"));
+        EXPECT_EQ(failure.line(), site.second);
+        EXPECT_EQ(failure.description(), QLatin1String("safelyPerformSelectorOnMainThread not supported"));
+    }
     struct Returning : QZAssertionHandler {
         void handleFailureInMethod(const char *, const void *, const char *, int, const QString &) override {}
     } returning;

@@ -12,7 +12,6 @@
 #include <QTemporaryDir>
 
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
 
 #include <grp.h>
@@ -24,41 +23,56 @@ namespace qztest {
 
 constexpr uid_t kNobody = 65534;
 
-// A fake helper (tests/helper/fake_helper.c) driven by a script; see that file for the actions.
-// The shared tool starts it from now on; destroying the object stops it.
-class FakeHelper
+inline QZHelperTool *tool()
+{
+    return QZHelperTool::sharedInstance();
+}
+
+// A temporary folder that every user may enter and write to.
+class Folder
+{
+public:
+    Folder() { chmod(QFile::encodeName(m_dir.path()).constData(), 0777); }
+
+    QByteArray path(const char *name = "") const { return QFile::encodeName(m_dir.filePath(QLatin1String(name))); }
+    // Writes a new file `name` with the permission bits `mode`; returns its path.
+    QByteArray write(const char *name, const QByteArray &text, mode_t mode) const
+    {
+        QFile file(QFile::decodeName(path(name)));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(text) == text.size());
+        file.close();
+        chmod(path(name).constData(), mode);
+        return path(name);
+    }
+
+private:
+    QTemporaryDir m_dir;
+};
+
+// The fake helper (tests/helper/fake_helper.c describes its script), recording into its folder,
+// which the shared tool starts from now on; destroying the object stops it.
+class FakeHelper : public Folder
 {
 public:
     explicit FakeHelper(const QByteArray &script)
     {
-        m_dir.setAutoRemove(true);
-        chmod(QFile::encodeName(m_dir.path()).constData(), 0777);   // also for a child that dropped root
+        qputenv("QZ_FAKE_HELPER_DIR", path());
         setScript(script);
-        setenv("QZ_FAKE_HELPER_DIR", QFile::encodeName(m_dir.path()).constData(), 1);
-        QZHelperTool::sharedInstance()->setHelperPath(QStringLiteral(FAKE_HELPER_PATH));
+        tool()->setHelperPath(QStringLiteral(FAKE_HELPER_PATH));
     }
-    ~FakeHelper() { QZHelperTool::sharedInstance()->terminateHelper(); }
+    ~FakeHelper() { tool()->terminateHelper(); }
     Q_DISABLE_COPY_MOVE(FakeHelper)
 
-    // The script of every run, or of run `run` (1 for the first helper started, ...).
-    void setScript(const QByteArray &script, int run = 0) const
-    {
-        QFile file(m_dir.filePath(run ? QStringLiteral("script.%1").arg(run) : QStringLiteral("script")));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(script);
-    }
-    // Everything run `run` read, authorization block included; null when it never ran.
+    // The script of the helpers started from now on.
+    void setScript(const QByteArray &script) const { qputenv("QZ_FAKE_HELPER_SCRIPT", script); }
+    // Everything helper `run` (1 for the first one started) read, authorization block included.
     QByteArray record(int run = 1) const
     {
-        QFile file(m_dir.filePath(QStringLiteral("record.%1").arg(run)));
+        QFile file(QFile::decodeName(path("record.") + QByteArray::number(run)));
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
-    // What run `run` read after the authorization block.
+    // What helper `run` read after the authorization block.
     QByteArray requests(int run = 1) const { return record(run).mid(32); }
-    QString path(const QString &name) const { return m_dir.filePath(name); }
-
-private:
-    QTemporaryDir m_dir;
 };
 
 // The number of descriptors the process holds.

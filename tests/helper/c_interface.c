@@ -6,13 +6,7 @@
 int32_t c_echo(const char *text, void **reply, uint32_t *length)
 {
     const char *argv[] = { "echo" };
-    helper_command command;
-    memset(&command, 0, sizeof(command));
-    command.argc = 1;
-    command.argv = argv;
-    command.reply_data = reply;
-    command.reply_length = length;
-    command.data = text;
-    command.data_length = (uint32_t)strlen(text);
+    helper_command command = { .argc = 1, .argv = argv, .reply_data = reply, .reply_length = length,
+                               .data_length = (uint32_t)strlen(text), .data = text };
     return perform_helper_command(&command);
 }

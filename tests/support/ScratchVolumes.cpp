@@ -1,14 +1,13 @@
 // Scratch folders and volumes for the file tests.
 #include "ScratchVolumes.h"
 
-#include <acl/libacl.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -17,14 +16,12 @@
 #include <grp.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
-#include <sys/acl.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace qztest {
@@ -53,43 +50,63 @@ int clearFlags(const char *path, const struct stat *status, int, struct FTW *)
     return 0;
 }
 
-// Runs `child` in a forked process with standard output and error captured.
-ChildResult forkAndWait(const std::function<void()> &child)
+// Runs `child` in a forked process with both its output streams captured; its exit status is
+// the outcome's.
+Outcome forkAndWait(const std::function<void()> &child)
 {
-    ChildResult result;
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) < 0 || pipe2(err, O_CLOEXEC) < 0)
-        return result;
+    Outcome outcome;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        return outcome;
     std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        dup2(ends[1], STDOUT_FILENO);
+        dup2(ends[1], STDERR_FILENO);
         child();
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
-    // Small outputs only: read one pipe after the other.
-    for (auto [fd, text] : { std::pair { out[0], &result.out }, std::pair { err[0], &result.err } }) {
-        char buffer[4096];
-        for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) != 0;)
-            if (got > 0)
-                text->append(buffer, static_cast<size_t>(got));
-            else if (errno != EINTR)
-                break;
-        close(fd);
-    }
+    close(ends[1]);
+    char buffer[4096];
+    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) != 0;)
+        if (got > 0)
+            outcome.output.append(buffer, static_cast<size_t>(got));
+        else if (errno != EINTR)
+            break;
+    close(ends[0]);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
+// Runs `operation` as `user` (the superuser: in this process); the status is its errno when it
+// fails.
+Outcome runAs(uid_t user, const std::function<bool()> &operation)
+{
+    const auto status = [&] {
+        errno = 0;
+        return operation() ? 0 : errno;
+    };
+    if (user == 0) {
+        testing::internal::CaptureStderr();
+        Outcome outcome { status(), {} };
+        outcome.output = testing::internal::GetCapturedStderr();
+        return outcome;
+    }
+    return forkAndWait([&] {
+        if (setgroups(0, nullptr) < 0 || setgid(user) < 0 || setuid(user) < 0)
+            _exit(126);
+        const int result = status();
+        std::fflush(nullptr);
+        _exit(result);
+    });
 }
 
 } // namespace
 
-ChildResult runProgram(const std::vector<std::string> &argv)
+Outcome runProgram(const std::vector<std::string> &argv)
 {
     return forkAndWait([&] {
         std::vector<char *> words;
@@ -100,15 +117,15 @@ ChildResult runProgram(const std::vector<std::string> &argv)
     });
 }
 
-ChildResult runAs(uid_t uid, gid_t gid, const std::function<int()> &body)
+Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags, uid_t user)
 {
-    return forkAndWait([&] {
-        if (setgroups(0, nullptr) < 0 || setgid(gid) < 0 || setuid(uid) < 0)
-            _exit(126);
-        const int status = body();
-        std::fflush(nullptr);
-        _exit(status);
-    });
+    const copy_file_options options { flags, 0, 0, nullptr, nullptr };
+    return runAs(user, [&] { return copy_file(source.c_str(), destination.c_str(), &options); });
+}
+
+Outcome runDelete(const std::string &path, uid_t user)
+{
+    return runAs(user, [&] { return delete_file_object(path.c_str()) == 0; });
 }
 
 bool canMount()
@@ -136,6 +153,7 @@ ScratchFolder::~ScratchFolder()
 ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
 {
     m_root = m_home / "mnt";
+    const std::string image = m_home / "image";
     struct statfs fs;
     if (mkdir(m_root.c_str(), 0755) < 0 || statfs(m_home.path().c_str(), &fs) < 0)
         return;
@@ -144,46 +162,31 @@ ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
     } else if (canMount() && kind == Tmpfs) {
         const std::string options = "size=" + std::to_string(bytes) + ",mode=0755";
         m_ok = m_mounted = mount("tmpfs", m_root.c_str(), "tmpfs", 0, options.c_str()) == 0;
-    } else if (canMount()) {
-        const int fd = open((m_home / "image").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        m_ok = fd >= 0 && ftruncate(fd, static_cast<off_t>(bytes)) == 0 && close(fd) == 0 && mountImage(kind);
-    }
-    if (!m_ok)
-        ADD_FAILURE() << "cannot make a scratch volume at " << m_root;
-}
-
-// Formats the image, attaches it to a free loop device and mounts that.
-bool ScratchVolume::mountImage(Kind kind)
-{
-    const std::string image = m_home / "image";
-    if (runProgram(kind == Ext4 ? std::vector<std::string> { "mkfs.ext4", "-q", "-F", image }
-                                : std::vector<std::string> { "mkfs.vfat", image }).status != 0)
-        return false;
-    std::string loop = runProgram({ "losetup", "-f", "--show", image }).out;
-    if (loop.empty())
-        return false;
-    loop.pop_back();   // the line break
-    if (kind == Ext4) {
-        m_mounted = mount(loop.c_str(), m_root.c_str(), "ext4", 0, nullptr) == 0;
-    } else {
-        // The FUSE driver in the foreground, as a child that dies with this process.
+    } else if (canMount() && kind == Ext4) {
+        // The loop device goes by itself when the volume is unmounted.
+        m_ok = m_mounted = runProgram({ "mkfs.ext4", "-q", "-F", "-b", "4096", image, "256M" }).status == 0
+                && runProgram({ "mount", "-o", "loop", image, m_root }).status == 0;
+    } else if (canMount() && runProgram({ "mkfs.vfat", "-C", image, std::to_string(bytes >> 10) }).status == 0) {
+        // The image goes on a loop device, which the FUSE driver serves (the kernel here has no
+        // FAT driver), in the foreground as a child that dies with this process.
+        const Outcome attached = runProgram({ "losetup", "--find", "--show", image });
+        m_loop = attached.status == 0 ? attached.output.substr(0, attached.output.find('\n')) : std::string();
         const pid_t parent = getpid();
-        m_fuse = fork();
+        m_fuse = m_loop.empty() ? -1 : fork();
         if (m_fuse == 0) {
             prctl(PR_SET_PDEATHSIG, SIGTERM);
             if (getppid() == parent)
-                execlp("fusefat", "fusefat", "-f", "-o", "rw+", loop.c_str(), m_root.c_str(), nullptr);
+                execlp("fusefat", "fusefat", "-f", "-o", "rw+", m_loop.c_str(), m_root.c_str(), nullptr);
             _exit(127);
         }
-        for (int i = 0; i < 500 && !m_mounted && waitpid(m_fuse, nullptr, WNOHANG) == 0; i++) {
-            struct statfs fs;
+        for (int i = 0; m_fuse > 0 && i < 500 && !m_mounted && waitpid(m_fuse, nullptr, WNOHANG) == 0; i++) {
             m_mounted = statfs(m_root.c_str(), &fs) == 0 && fs.f_type == FUSE_SUPER_MAGIC;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
+        m_ok = m_mounted;
     }
-    // Detaching while in use only marks the device: it goes when the volume lets go of it.
-    runProgram({ "losetup", "-d", loop });
-    return m_mounted;
+    if (!m_ok)
+        ADD_FAILURE() << "cannot make a scratch volume at " << m_root;
 }
 
 ScratchVolume::~ScratchVolume()
@@ -196,6 +199,15 @@ ScratchVolume::~ScratchVolume()
         kill(m_fuse, SIGKILL);
         waitpid(m_fuse, nullptr, 0);
     }
+    if (!m_loop.empty())
+        runProgram({ "losetup", "--detach", m_loop });
+}
+
+void makeFolder(const std::string &path, mode_t mode)
+{
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
 }
 
 void writeFile(const std::string &path, const std::string &content, mode_t mode)
@@ -204,17 +216,42 @@ void writeFile(const std::string &path, const std::string &content, mode_t mode)
     ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
 }
 
+void makeTree(const std::string &root, const std::map<std::string, std::string> &entries)
+{
+    for (const auto &[name, content] : entries) {
+        makeFolder(std::filesystem::path(root + "/" + name).parent_path());
+        if (name.back() != '/')
+            writeFile(root + "/" + name, content);
+    }
+}
+
+std::string listing(const std::string &root)
+{
+    // The walk's callback takes no context: it finds the listing here.
+    static thread_local std::set<std::string> *entries;
+    static thread_local size_t skip;
+    std::set<std::string> found;
+    entries = &found;
+    skip = root.size() + 1;
+    nftw(root.c_str(), [](const char *path, const struct stat *status, int, struct FTW *) {
+        const std::string name = std::strlen(path) < skip ? std::string() : path + skip;
+        if (S_ISLNK(status->st_mode))
+            entries->insert(name + "->" + std::filesystem::read_symlink(path).string());
+        else if (!name.empty())
+            entries->insert(name + (S_ISDIR(status->st_mode) ? "/" : S_ISREG(status->st_mode) ? "=" + readFile(path) : "*"));
+        return 0;
+    }, 16, FTW_PHYS);
+    std::string text;
+    for (const std::string &entry : found)
+        text += (text.empty() ? "" : " ") + entry;
+    return text;
+}
+
 std::string readFile(const std::string &path)
 {
     std::ostringstream out;
     out << std::ifstream(path, std::ios::binary).rdbuf();
     return out.str();
-}
-
-bool exists(const std::string &path)
-{
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
 }
 
 mode_t modeOf(const std::string &path)
@@ -230,49 +267,10 @@ bool isImmutable(const std::string &path)
     return flags > 0 && (flags & FS_IMMUTABLE_FL);
 }
 
-void setImmutable(const std::string &path, bool on)
+void setImmutable(const std::string &path)
 {
     const int flags = inodeFlags(path);
-    ASSERT_GE(flags, 0) << path;
-    ASSERT_GE(inodeFlags(path, on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL)), 0) << path;
-}
-
-std::map<std::string, std::string> userAttributes(const std::string &path)
-{
-    std::map<std::string, std::string> attributes;
-    char names[8192], value[65536];
-    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
-    for (const char *name = names; size > 0 && name < names + size; name += std::strlen(name) + 1) {
-        const ssize_t length = lgetxattr(path.c_str(), name, value, sizeof value);
-        if (std::strncmp(name, "user.", 5) == 0)
-            attributes[name] = std::string(value, static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    }
-    return attributes;
-}
-
-std::string aclText(const std::string &path, bool defaultList)
-{
-    std::string text;
-    acl_t acl = acl_get_file(path.c_str(), defaultList ? ACL_TYPE_DEFAULT : ACL_TYPE_ACCESS);
-    if (char *converted = acl ? acl_to_any_text(acl, nullptr, ',', 0) : nullptr) {
-        text = converted;
-        acl_free(converted);
-    }
-    if (acl)
-        acl_free(acl);
-    return text;
-}
-
-CopyOutcome copyCapturingReports(const std::string &source, const std::string &destination,
-                                 const copy_file_options *options)
-{
-    CopyOutcome outcome;
-    testing::internal::CaptureStderr();
-    errno = 0;
-    outcome.ok = copy_file(source.c_str(), destination.c_str(), options);
-    outcome.error = errno;
-    outcome.err = testing::internal::GetCapturedStderr();
-    return outcome;
+    ASSERT_TRUE(flags >= 0 && inodeFlags(path, flags | FS_IMMUTABLE_FL) >= 0) << path;
 }
 
 } // namespace qztest

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,17 +16,20 @@
 
 namespace qztest {
 
-// The result of a program or of a function run in a child process.
-struct ChildResult {
-    int status = -1;     // exit status, or -1 when killed
-    std::string out, err;
+// What an operation gave: its status (0, else the errno of a failed copy or deletion, or a
+// program's exit status; -1 when killed) and its output (what the operation wrote to standard
+// error; both streams of a program).
+struct Outcome {
+    int status = -1;
+    std::string output;
 };
 
 // Runs a program (found along PATH) and waits for it.
-ChildResult runProgram(const std::vector<std::string> &argv);
-// Runs `body` in a forked child that first drops to `uid` and `gid` (no supplementary groups);
-// the child's exit status is what `body` returns.
-ChildResult runAs(uid_t uid, gid_t gid, const std::function<int()> &body);
+Outcome runProgram(const std::vector<std::string> &argv);
+// copy_file and delete_file_object, run as the superuser or, in a forked child, as `user` with
+// the group of the same number and no others.
+Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags = 0, uid_t user = 0);
+Outcome runDelete(const std::string &path, uid_t user = 0);
 // True when the tests run as the superuser in a private mount namespace.
 bool canMount();
 
@@ -46,9 +48,9 @@ private:
     std::string m_path;
 };
 
-// A mounted volume: ext4 (the temporary folder itself when it is ext4, an image otherwise), a
-// tmpfs of `bytes`, or a FAT image (through FUSE: the kernel here has no FAT driver). Unmounted,
-// and its loop device released, when the object goes; check ok() after making one.
+// A mounted volume: ext4 (the temporary folder itself when it is ext4, an image of 256 MiB on a
+// loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`. Unmounted when the
+// object goes; check ok() after making one.
 class ScratchVolume
 {
 public:
@@ -62,30 +64,26 @@ public:
     std::string operator/(const std::string &name) const { return m_root + "/" + name; }
 
 private:
-    bool mountImage(Kind kind);
-
     ScratchFolder m_home;
     std::string m_root;
     pid_t m_fuse = -1;
+    std::string m_loop;   // the FAT image's loop device
     bool m_mounted = false, m_ok = false;
 };
 
+// Makes a folder and those above it; the last one gets `mode`.
+void makeFolder(const std::string &path, mode_t mode = 0755);
 void writeFile(const std::string &path, const std::string &content, mode_t mode = 0644);
+// Makes folders (names ending in '/') and files (name = content) below `root`, with the folders
+// that hold them.
+void makeTree(const std::string &root, const std::map<std::string, std::string> &entries);
+// Everything below `root`, sorted, separated by blanks: "folder/", "file=content", "link->target",
+// "other*".
+std::string listing(const std::string &root);
 std::string readFile(const std::string &path);
-bool exists(const std::string &path);   // without following a final link
-mode_t modeOf(const std::string &path); // lstat's st_mode
+mode_t modeOf(const std::string &path);   // lstat's st_mode, 0 when there is nothing
+inline bool exists(const std::string &path) { return modeOf(path) != 0; }
 bool isImmutable(const std::string &path);
-void setImmutable(const std::string &path, bool on);
-std::map<std::string, std::string> userAttributes(const std::string &path);   // name -> value
-std::string aclText(const std::string &path, bool defaultList = false);
-
-// A copy made with copy_file: its result, errno and what it reported.
-struct CopyOutcome {
-    bool ok = false;
-    int error = 0;
-    std::string err;
-};
-CopyOutcome copyCapturingReports(const std::string &source, const std::string &destination,
-                                 const copy_file_options *options);
+void setImmutable(const std::string &path);
 
 } // namespace qztest

@@ -1,0 +1,135 @@
+// qzutil as whole processes: one table of commands with their input, exit status and output,
+// checked against the system's base64, basenc and openssl where they do the same work.
+#include "support/QzutilRunner.h"
+#include "support/TestSupport.h"
+
+#include <QZApp/QZCrypto.h>
+
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+
+using qztest::runQzutil;
+
+namespace {
+
+// Standard output of a system program given as words separated by '|', which must succeed.
+QByteArray system(const QString &words)
+{
+    QStringList arguments = words.split(QLatin1Char('|'));
+    QProcess process;
+    process.start(arguments.takeFirst(), arguments);
+    process.waitForFinished(60000);
+    EXPECT_EQ(process.exitCode(), 0) << words.toStdString() << ": " << process.readAllStandardError().toStdString();
+    return process.readAllStandardOutput();
+}
+
+QString write(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+    return path;
+}
+
+TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
+{
+    QTemporaryDir dir;
+    const QString d = dir.path();
+    const auto D = [&](const char *words) { return QString::fromUtf8(words).replace(QLatin1String("%D"), d); };
+    // Over a megabyte, so that base64's lines continue across the runs of its buffer.
+    QByteArray data(3 * 1024 * 1024 + 17, Qt::Uninitialized);
+    QRandomGenerator generator(9);
+    for (char &c : data)
+        c = static_cast<char>(generator.bounded(256));
+    write(d + QStringLiteral("/data"), data);
+    write(d + QStringLiteral("/mime"), QZ::mimeBase64(data).toLatin1());
+    ASSERT_TRUE(QDir().mkpath(d + QStringLiteral("/source/inner")));
+    write(d + QStringLiteral("/source/inner/file"), "content");
+    write(d + QStringLiteral("/list.plist"), "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>n</key><integer>7</integer>"
+                                             "<key>d</key><data>AAE=</data><key>t</key><date>2001-01-01T00:00:00Z</date></dict></plist>");
+    system(D("openssl|genrsa|-out|%D/key.pem|1024"));
+    write(d + QStringLiteral("/public.pem"), system(D("openssl|pkey|-in|%D/key.pem|-pubout")));
+    write(d + QStringLiteral("/words"), "signed words");
+    const QByteArray signature = system(D("openssl|pkeyutl|-sign|-inkey|%D/key.pem|-in|%D/words"));
+    const QString enc = D("enc|-provider|legacy|-provider|default|-in|%D/data|");
+    const QByteArray des = system(D("openssl|") + enc + QStringLiteral("-des-cbc|-K|0123456789abcdef|-iv|fedcba9876543210"));
+    const QByteArray rc4 = system(D("openssl|") + enc + QStringLiteral("-rc4|-K|0123456789abcdeffedcba9876543210"));
+    const QByteArray cast5 = system(D("openssl|") + enc + QStringLiteral("-cast5-cfb|-K|0123456789abcdeffedcba9876543210|-iv|fedcba9876543210"));
+    const QByteArray wrapped72 = system(D("base64|-w|72|%D/data"));
+
+    const struct {
+        const char *arguments;   // separated by '|'; %D is the scratch folder
+        QByteArray input;
+        int status;
+        QByteArray out;
+        const char *err = "";    // how standard error starts
+    } rows[] = {
+        { "quote|ab|c d|", {}, 0, "ab c\\ d \"\"\n" },
+        { "escape|a b\tc", {}, 0, "a\\ b\\tc\n" },
+        { "unescape|a\\ b\\tc\\", {}, 0, "a b\tc\\\n" },
+        { "size|--base|10|1000", {}, 0, "1 KB\n" },
+        { "size|1536", {}, 0, "1.5 KB\n" },
+        { "version|compare|10.0|9.0", {}, 0, "-1\n" },
+        { "version|parse|1.0d", {}, 0, "string: 1.0d(null)\nmajor: 1\nminor: 0\nstatus: 0\nbuild: (null)\nreal: (none)\n" },
+        { "version|parse|x1.0", {}, 1, "", "qzutil: not a version: x1.0\n" },
+        { "base64|%D/data", {}, 0, wrapped72 },
+        { "base64", data, 0, wrapped72 },
+        { "base64|--width|76|-", data, 0, system(D("base64|%D/data")) },
+        { "base64|--url|%D/data", {}, 0, system(D("basenc|--base64url|-w|72|%D/data")) },
+        { "base64|--mime|%D/data", {}, 0, system(D("base64|-w|68|%D/data")).replace("\n", "\r\n") },
+        { "base64|--url|--width|5|%D/data", {}, 0, QZ::base64Encoded(data, QZ::Base64Alphabet::UrlSafe, 5) + "\n" },
+        { "base64|--decode|%D/mime", {}, 0, data },
+        { "base64|%D/absent", {}, 1, "" },
+        { "encrypt|--cipher|des|--mode|cbc|--key|0123456789abcdef|--iv|fedcba9876543210|%D/data", {}, 0, des },
+        { "decrypt|--cipher|des|--key|0123456789abcdef|--iv|fedcba9876543210", des, 0, data },
+        { "encrypt|--cipher|4|--mode|2|--key|0123456789abcdeffedcba9876543210|%D/data", {}, 0, rc4 },
+        { "decrypt|--cipher|cast5|--mode|3|--key|0123456789abcdeffedcba9876543210|--iv|fedcba9876543210", cast5, 0, data },
+        { "encrypt|--cipher|rc5|--mode|ecb", QByteArray(8, '\0'), 0,   // the first published vector
+          QZ::dataEncryptedWithCipher(QByteArray(8, '\0'), QZCipherRC5, QZCipherModeECB, {}) },
+        { "encrypt|--cipher|9|--pem|%D/key.pem|--rsa-mode|private|%D/words", {}, 0, signature },
+        { "encrypt|--cipher|10", "input", 1, "" },
+        { "encrypt|--cipher|rsa|--pem|/nonexistent/key.pem", "input", 1, "" },
+        { "copy|%D/source|%D/flat", {}, 0, "" },
+        { "copy|--recursive|--keep-going|%D/source|%D/deep", {}, 0, "" },
+        { "delete|%D/flat", {}, 0, "" },
+        { "delete|%D/flat", {}, 1, "", "qzutil: cannot delete %D/flat: No such file or directory\n" },
+        { "copy|%D/flat|%D/again", {}, 1, "", "%D/flat: No such file or directory (at utils:309)\n" },
+        { "run|/bin/sh|-c|echo out; exit 3", {}, 0, "out\n3\n" },
+        { "run|sh|-c|exit 0", {}, 1, "-1\n" },   // not searched for along PATH
+        { "plist|%D/list.plist", {}, 0, "{\n    \"d\": \"AAE=\",\n    \"n\": 7,\n    \"t\": \"2001-01-01T00:00:00.000Z\"\n}\n" },
+        { "plist|%D/absent", {}, 1, "" },
+        { "", {}, 2, "", "usage: qzutil COMMAND" },
+        { "no-such-command", {}, 2, "", "usage: qzutil " },
+        { "size|-5", {}, 2, "", "usage: qzutil size " },
+        { "version|compare|1", {}, 2, "", "usage: qzutil version " },
+        { "base64|--decode|--url", {}, 2, "", "usage: qzutil base64 " },
+        { "encrypt|--cipher|aes", {}, 2, "", "usage: qzutil encrypt " },
+        { "copy|--owner|a|x|y", {}, 2, "", "usage: qzutil copy " },
+        { "plist|a|b", {}, 2, "", "usage: qzutil plist " },
+    };
+    for (const auto &row : rows) {
+        const QString arguments = D(row.arguments);
+        SCOPED_TRACE(arguments.toStdString());
+        const qztest::ToolResult result = runQzutil(arguments.isEmpty() ? QStringList() : arguments.split(QLatin1Char('|')), row.input);
+        EXPECT_EQ(result.exitCode, row.status) << result.err.toStdString();
+        EXPECT_TRUE(result.out == row.out) << result.out.left(200).toStdString();
+        EXPECT_TRUE(result.err.startsWith(D(row.err).toUtf8())) << result.err.toStdString();
+        // A failure ends with a one-line reason.
+        if (row.status == 1) {
+            EXPECT_TRUE(result.err.endsWith('\n') && result.err.split('\n').at(result.err.count('\n') - 1).startsWith("qzutil: "));
+        }
+    }
+    // Public encryption pads at random: openssl decrypts it.
+    write(d + QStringLiteral("/sealed"), runQzutil(D("encrypt|--cipher|rsa|--pem|%D/public.pem|--rsa-mode|public").split(QLatin1Char('|')), data.left(117)).out);
+    EXPECT_EQ(system(D("openssl|pkeyutl|-decrypt|-inkey|%D/key.pem|-in|%D/sealed")), data.left(117));
+    const qztest::ToolResult os = runQzutil({ QStringLiteral("version"), QStringLiteral("os") });
+    EXPECT_TRUE(os.exitCode == 0 && os.out.startsWith("kernel: " + system(QStringLiteral("uname|-r")) + "version: 10.")) << os.out.toStdString();
+    EXPECT_FALSE(QFile::exists(d + QStringLiteral("/flat")));
+    QFile copied(d + QStringLiteral("/deep/inner/file"));
+    ASSERT_TRUE(copied.open(QIODevice::ReadOnly));
+    EXPECT_EQ(copied.readAll(), QByteArray("content"));
+}
+
+} // namespace
