@@ -4,16 +4,6 @@
 
 #include <QZApp/QZMainThread.h>
 
-#include <cerrno>
-#include <climits>
-
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-// The status word is used as a futex: an atomic 32-bit integer with the layout of a plain one.
-static_assert(sizeof(std::atomic<qint32>) == sizeof(qint32) && std::atomic<qint32>::is_always_lock_free);
-
 QZHelperToolDelegate::~QZHelperToolDelegate() = default;
 
 void QZHelperToolDelegate::helperToolCommand(const std::shared_ptr<QZHelperCommand> &, const QString &)
@@ -75,39 +65,22 @@ void QZHelperCommand::setStatus(qint32 status)
     wakeStatusWaiters();
 }
 
-// The status word doubles as a futex. A waiter counts itself in m_statusSleepers before it
-// looks at the status for the last time and the publisher looks at the count after its store
-// (both sequentially consistent), so either the waiter sees the status or the publisher sees
-// the waiter; a publisher that sees nobody asleep makes no system call. Unlike
-// std::atomic::wait, which first yields the processor a few times, a waiter here goes straight
-// to sleep: on a busy machine a thread that yields is not woken when its reply comes but waits
-// for its turn behind other work. (QZHelperTool decides when yielding pays.)
+// The channel stores a status under its lock and wakes the waiters once the lock is released,
+// so that a woken caller does not run into the lock.
 void QZHelperCommand::publishStatus(qint32 status)
 {
-    m_status.store(status, std::memory_order_seq_cst);
+    m_status.store(status, std::memory_order_release);
 }
 
 void QZHelperCommand::wakeStatusWaiters()
 {
-    if (m_statusSleepers.load(std::memory_order_seq_cst) == 0)
-        return;
-    const int savedErrno = errno;
-    syscall(SYS_futex, reinterpret_cast<qint32 *>(&m_status), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
-    errno = savedErrno;
+    m_status.notify_all();
 }
 
 void QZHelperCommand::sleepUntilStatus()
 {
-    if (m_status.load(std::memory_order_acquire) != NoReply)
-        return;
-    const int savedErrno = errno;
-    m_statusSleepers.fetch_add(1, std::memory_order_seq_cst);
-    // FUTEX_WAIT returns at once when the word no longer holds NoReply; spurious returns and
-    // signals only cost another look.
-    while (m_status.load(std::memory_order_seq_cst) == NoReply)
-        syscall(SYS_futex, reinterpret_cast<qint32 *>(&m_status), FUTEX_WAIT_PRIVATE, NoReply, nullptr, nullptr, 0);
-    m_statusSleepers.fetch_sub(1, std::memory_order_relaxed);
-    errno = savedErrno;
+    while (m_status.load(std::memory_order_acquire) == NoReply)
+        m_status.wait(NoReply, std::memory_order_acquire);
 }
 
 qint32 QZHelperCommand::getStatus()

@@ -117,7 +117,6 @@ private:
     const QString m_commandString;
     std::atomic<quint32> m_commandID { 0 };
     std::atomic<qint32> m_status { NoReply };
-    std::atomic<int> m_statusSleepers { 0 };   // threads asleep (or going to sleep) on m_status
     std::atomic<bool> m_fileDescriptorAvailable { false };
     std::atomic<bool> m_progressOnMainThread { false };
     std::atomic<bool> m_aborted { false };

@@ -878,10 +878,8 @@ std::shared_ptr<QZHelperCommand> QZHelperTool::issueCommand(const QString &comma
 
 // A reply wakes only those waiting for its command: they sleep on the command's status word
 // (which is written under the lock, like every other field the receiver changes), so callers
-// on many threads do not all wake for every reply. A caller goes straight to sleep: one that
-// yields the processor first (as std::atomic::wait does) is, on a busy machine, not woken when
-// its reply comes but waits for its turn behind other work, a time slice at a time. The
-// receiver counts the waiting callers to decide whether to linger for the next reply.
+// on many threads do not all wake for every reply. The receiver counts the waiting callers to
+// decide whether to linger for the next reply.
 void QZHelperTool::waitForCommandResponse(const std::shared_ptr<QZHelperCommand> &command)
 {
     if (command->commandID() == 0 || command->status() != QZHelperCommand::NoReply)
