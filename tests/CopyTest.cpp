@@ -155,35 +155,30 @@ TEST_F(Copy, CarriesEveryKindOfObjectAsCpArchiveDoesAndAlsoImmutability)
     EXPECT_EQ(properties(volume / "flat"), properties(source));
 }
 
-TEST_F(Copy, MergesIntoAnExistingTreeAndReplacesWhatIsInTheWay)
+TEST_F(Copy, MergesIntoATreeReplacingWhatIsInTheWayButNeverWritesThroughALinkOrOntoItsSource)
 {
-    const std::string source = volume / "source", dest = volume / "copy";
-    makeTree(source, { { "same", "new" }, { "sub/deeper/leaf", "leaf" }, { "was-folder", "now a file" }, { "was-file/", "" } });
+    const std::string source = volume / "source", dest = volume / "copy", outside = volume / "outside";
+    makeTree(source, { { "same", "new" }, { "sub/deeper/leaf", "leaf" }, { "was-folder", "now a file" }, { "was-file/", "" },
+                       { "link", "payload" } });
     makeTree(dest, { { "same", "old and longer" }, { "keep", "untouched" }, { "sub/keep-too", "untouched" },
                      { "was-folder/inner/", "" }, { "was-file", "a file" } });
+    writeFile(outside, "must stay");
+    ASSERT_EQ(symlink(outside.c_str(), (dest + "/link").c_str()), 0);
     setImmutable(dest + "/sub");
     struct stat before, after;
     ASSERT_EQ(stat((dest + "/same").c_str(), &before), 0);
     ASSERT_EQ(runCopy(source, dest, COPY_FILE_RECURSIVE).status, 0);
     ASSERT_EQ(stat((dest + "/same").c_str(), &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino);   // truncated and overwritten, not replaced
-    EXPECT_EQ(listing(dest), "keep=untouched same=new sub/ sub/deeper/ sub/deeper/leaf=leaf sub/keep-too=untouched "
-                             "was-file/ was-folder=now a file");
     EXPECT_FALSE(isImmutable(dest + "/sub"));
-}
 
-TEST_F(Copy, NeverWritesThroughALinkOntoItsSourceOrFromWhatIsMissing)
-{
-    const std::string here = volume / "here", outside = here + "/outside", source = here + "/source", link = here + "/link";
-    makeTree(here, { { "outside", "must stay" }, { "source", "payload" } });
-    ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
-    ASSERT_EQ(runCopy(source, link).status, 0);
-    EXPECT_TRUE(S_ISREG(modeOf(link)));
-    EXPECT_EQ(runCopy(source, source).status, EEXIST);
-    const Outcome missing = runCopy(here + "/absent", source);
+    EXPECT_EQ(runCopy(source + "/same", source + "/same").status, EEXIST);
+    const Outcome missing = runCopy(source + "/absent", dest + "/same");
     EXPECT_EQ(missing.status, ENOENT);
-    EXPECT_EQ(missing.output, here + "/absent: No such file or directory (at utils:309)\n");
-    EXPECT_EQ(listing(here), "link=payload outside=must stay source=payload");
+    EXPECT_EQ(missing.output, source + "/absent: No such file or directory (at utils:309)\n");
+    EXPECT_EQ(listing(dest), "keep=untouched link=payload same=new sub/ sub/deeper/ sub/deeper/leaf=leaf sub/keep-too=untouched "
+                             "was-file/ was-folder=now a file");
+    EXPECT_EQ(readFile(source + "/same") + readFile(outside), "newmust stay");
 }
 
 TEST_F(Copy, FilterSkipsASubtreeAndSeesDestinationDevices)
@@ -207,14 +202,15 @@ TEST_F(Copy, FilterSkipsASubtreeAndSeesDestinationDevices)
     EXPECT_EQ(*seen.devices.begin(), -1);
 }
 
-TEST_F(Copy, LargeAndSparseFilesArriveIntactOnTheSameAndAnotherVolume)
+TEST_F(CopyVolumes, LargeAndSparseFilesArriveIntactAndAFullVolumeKeepsNoPartialCopy)
 {
-    ScratchVolume other(ScratchVolume::Tmpfs, 128ull << 20);
-    ASSERT_TRUE(other.ok());
+    ScratchVolume other(ScratchVolume::Tmpfs, 128ull << 20), small(ScratchVolume::Tmpfs, 4u << 20);
+    ASSERT_TRUE(other.ok() && small.ok());
     std::string large(20u << 20, '\0');   // beyond the 8 MiB buffer
     for (size_t i = 0; i < large.size(); i++)
         large[i] = static_cast<char>((i * 2654435761u) >> 13);
-    const std::string big = volume / "big", sparse = volume / "sparse";
+    const std::string folder = volume / "folder", big = folder + "/big", sparse = volume / "sparse";
+    makeFolder(folder);
     writeFile(big, large);
     const int fd = open(sparse.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_TRUE(pwrite(fd, "head", 4, 0) == 4 && pwrite(fd, "tail", 4, 30 << 20) == 4);
@@ -225,6 +221,17 @@ TEST_F(Copy, LargeAndSparseFilesArriveIntactOnTheSameAndAnotherVolume)
         EXPECT_TRUE(readFile(target + "/big") == large) << target;
         EXPECT_TRUE(readFile(target + "/sparse") == readFile(sparse)) << target;
     }
+
+    // A volume that fills up keeps nothing; inside a tree each folder adds its line and goes too.
+    Outcome outcome = runCopy(big, small / "big");
+    EXPECT_EQ(outcome.status, ENOSPC);
+    EXPECT_EQ(outcome.output, small / "big: No space left on device (at utils:703)\nutils:453: error (28)\n");
+    EXPECT_FALSE(exists(small / "big"));
+    outcome = runCopy(folder, small / "folder", COPY_FILE_RECURSIVE);
+    EXPECT_EQ(outcome.status, ENOSPC);
+    EXPECT_EQ(outcome.output, small / "folder/big: No space left on device (at utils:703)\nutils:453: error (28)\nutils:410: error (28)\n");
+    EXPECT_FALSE(exists(small / "folder"));
+    EXPECT_TRUE(readFile(big) == large);
 }
 
 TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotPastAnAppendOnlyFile)
@@ -265,26 +272,6 @@ TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotPastAnAppendOnlyFile)
     EXPECT_NE(deep.status, 0);
     EXPECT_NE(deep.output.find("(at utils:189)"), std::string::npos) << deep.output;
     EXPECT_TRUE(exists(path));
-}
-
-TEST_F(CopyVolumes, AFullVolumeLeavesNoPartialCopyAndTheSourceUntouched)
-{
-    ScratchVolume small(ScratchVolume::Tmpfs, 4u << 20);
-    ASSERT_TRUE(small.ok());
-    const std::string source = volume / "folder", content(16u << 20, 'z');
-    makeFolder(source);
-    writeFile(source + "/large", content);
-
-    Outcome outcome = runCopy(source + "/large", small / "large");
-    EXPECT_EQ(outcome.status, ENOSPC);
-    EXPECT_EQ(outcome.output, small / "large: No space left on device (at utils:703)\nutils:453: error (28)\n");
-    EXPECT_FALSE(exists(small / "large"));
-    // Inside a tree, each enclosing folder adds its line and is removed as well.
-    outcome = runCopy(source, small / "folder", COPY_FILE_RECURSIVE);
-    EXPECT_EQ(outcome.status, ENOSPC);
-    EXPECT_EQ(outcome.output, small / "folder/large: No space left on device (at utils:703)\nutils:453: error (28)\nutils:410: error (28)\n");
-    EXPECT_FALSE(exists(small / "folder"));
-    EXPECT_TRUE(readFile(source + "/large") == content);
 }
 
 TEST_F(CopyVolumes, AFatVolumeTakesCopiesWithoutPermissionsAndGivesThemBackOwnerOnly)
@@ -338,29 +325,13 @@ TEST_F(CopyVolumes, TheCapabilityCacheKeepsTheTwoVolumesQueriedLast)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), volume / "absent" + ": No such file or directory (at utils:222)\n");
 }
 
-TEST_F(Unprivileged, ReadOnlyFoldersAreCopiedMergedIntoAndDeleted)
+TEST_F(Unprivileged, CopiesReadOnlyFoldersAndStopsAtAnUnreadableEntryUnlessKeepingGoing)
 {
     const std::string source = volume / "source", dest = work + "/copy";
-    makeTree(source, { { "closed/file", "read me" }, { "closed/deeper/file", "me too" } });
+    makeTree(source, { { "closed/file", "read me" }, { "closed/deeper/file", "me too" }, { "inner/secret", "no" },
+                       { "inner/open", "yes" } });
     makeFolder(source + "/closed/deeper", 0555);
     makeFolder(source + "/closed", 0555);
-
-    const Outcome copied = runCopy(source, dest, COPY_FILE_RECURSIVE, nobody);
-    ASSERT_EQ(copied.status, 0) << copied.output;
-    EXPECT_EQ(listing(dest), "closed/ closed/deeper/ closed/deeper/file=me too closed/file=read me");
-    EXPECT_EQ(modeOf(dest + "/closed") & 07777, 0555u);
-    struct stat status;
-    ASSERT_EQ(stat((dest + "/closed/file").c_str(), &status), 0);
-    EXPECT_EQ(status.st_uid, nobody);   // the copy belongs to whoever made it
-    EXPECT_EQ(runCopy(source, dest, COPY_FILE_RECURSIVE, nobody).status, 0);
-    EXPECT_EQ(runDelete(dest, nobody).status, 0);
-    EXPECT_FALSE(exists(dest));
-}
-
-TEST_F(Unprivileged, AnUnreadableEntryFailsTheFolderUnlessKeepingGoing)
-{
-    const std::string source = volume / "source";
-    makeTree(source, { { "inner/secret", "no" }, { "inner/open", "yes" } });
     ASSERT_EQ(chmod((source + "/inner/secret").c_str(), 0600), 0);   // the superuser's
 
     const Outcome failed = runCopy(source, work + "/strict", COPY_FILE_RECURSIVE, nobody);
@@ -368,10 +339,18 @@ TEST_F(Unprivileged, AnUnreadableEntryFailsTheFolderUnlessKeepingGoing)
     // The data copy opens the source without a report of its own; each level adds its line.
     EXPECT_EQ(failed.output, "utils:453: error (13)\nutils:410: error (13)\nutils:410: error (13)\n");
     EXPECT_FALSE(exists(work + "/strict"));
-    const Outcome kept = runCopy(source, work + "/lenient", COPY_FILE_RECURSIVE | COPY_FILE_KEEP_GOING, nobody);
-    EXPECT_EQ(kept.status, 0);
-    EXPECT_EQ(kept.output, "utils:453: error (13)\n");
-    EXPECT_EQ(listing(work + "/lenient"), "inner/ inner/open=yes");
+    for (int round = 0; round < 2; round++) {   // the second merges into the read-only folders
+        const Outcome kept = runCopy(source, dest, COPY_FILE_RECURSIVE | COPY_FILE_KEEP_GOING, nobody);
+        EXPECT_EQ(kept.status, 0);
+        EXPECT_EQ(kept.output, "utils:453: error (13)\n");
+    }
+    EXPECT_EQ(listing(dest), "closed/ closed/deeper/ closed/deeper/file=me too closed/file=read me inner/ inner/open=yes");
+    EXPECT_EQ(modeOf(dest + "/closed") & 07777, 0555u);
+    struct stat status;
+    ASSERT_EQ(stat((dest + "/closed/file").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, nobody);   // the copy belongs to whoever made it
+    EXPECT_EQ(runDelete(dest, nobody).status, 0);
+    EXPECT_FALSE(exists(dest));
 }
 
 TEST_F(Unprivileged, SetUserIdIsDroppedWhenTheCopyChangesHands)
