@@ -24,8 +24,7 @@
 namespace qztest {
 namespace {
 
-// Runs `child` in a forked process with both its output streams captured; its exit status is
-// the outcome's.
+// Runs `child` in a forked process, its output streams captured and its exit status the outcome's.
 Outcome forkAndWait(const std::function<void()> &child)
 {
     Outcome outcome;
@@ -42,21 +41,16 @@ Outcome forkAndWait(const std::function<void()> &child)
     }
     close(ends[1]);
     char buffer[4096];
-    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) != 0;)
-        if (got > 0)
-            outcome.output.append(buffer, static_cast<size_t>(got));
-        else if (errno != EINTR)
-            break;
+    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;)
+        outcome.output.append(buffer, static_cast<size_t>(got));
     close(ends[0]);
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    waitpid(pid, &status, 0);
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return outcome;
 }
 
-// Runs `operation` as `user` (the superuser: in this process); the status is its errno when it
-// fails.
+// Runs `operation` as `user` (the superuser: in this process); the status is its errno on failure.
 Outcome runAs(uid_t user, const std::function<bool()> &operation)
 {
     const auto status = [&] {
@@ -127,8 +121,8 @@ ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
         m_ok = m_mounted = runProgram({ "mkfs.ext4", "-q", "-F", "-b", "4096", image, "256M" }).status == 0
                 && runProgram({ "mount", "-o", "loop", image, m_root }).status == 0;
     } else if (canMount() && runProgram({ "mkfs.vfat", "-C", image, std::to_string(bytes >> 10) }).status == 0) {
-        // The image goes on a loop device, which the FUSE driver serves (the kernel here has no
-        // FAT driver), in the foreground as a child that dies with this process.
+        // The FUSE driver serves the loop device (no kernel FAT driver needed) as a child that
+        // dies with this process.
         const Outcome attached = runProgram({ "losetup", "--find", "--show", image });
         m_loop = attached.status == 0 ? attached.output.substr(0, attached.output.find('\n')) : std::string();
         const pid_t parent = getpid();
@@ -214,11 +208,11 @@ std::string readFile(const std::string &path)
     return out.str();
 }
 
-mode_t modeOf(const std::string &path)
+struct stat statusOf(const std::string &path)
 {
     struct stat status {};
     lstat(path.c_str(), &status);
-    return status.st_mode;
+    return status;
 }
 
 bool isImmutable(const std::string &path)

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 namespace qztest {
 
@@ -20,7 +20,9 @@ namespace qztest {
 struct Outcome {
     int status = -1;
     std::string output;
+    bool operator==(const Outcome &) const = default;
 };
+inline void PrintTo(const Outcome &outcome, std::ostream *out) { *out << outcome.status << " \"" << outcome.output << '"'; }
 
 // Runs a program (found along PATH) and waits for it.
 Outcome runProgram(const std::vector<std::string> &argv);
@@ -59,7 +61,8 @@ void makeTree(const std::string &root, const std::map<std::string, std::string> 
 // Everything below `root`, sorted: "folder/", "file=content", "link->target", "other*".
 std::string listing(const std::string &root);
 std::string readFile(const std::string &path);
-mode_t modeOf(const std::string &path);   // lstat's st_mode, 0 when there is nothing
+struct stat statusOf(const std::string &path);   // lstat's, all zero when there is nothing
+inline mode_t modeOf(const std::string &path) { return statusOf(path).st_mode; }
 inline bool exists(const std::string &path) { return modeOf(path) != 0; }
 bool isImmutable(const std::string &path);
 void setImmutable(const std::string &path);
