@@ -96,11 +96,6 @@ Outcome runDelete(const std::string &path, uid_t user)
     return runAs(user, [&] { return delete_file_object(path.c_str()) == 0; });
 }
 
-bool canMount()
-{
-    return geteuid() == 0 && std::getenv("QZ_TEST_NO_MOUNTS") == nullptr;
-}
-
 ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
 {
     m_home = (std::filesystem::temp_directory_path() / "qzfiles.XXXXXX").string();

@@ -7,11 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace qztest {
 
@@ -30,7 +32,7 @@ Outcome runProgram(const std::vector<std::string> &argv);
 Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags = 0, uid_t user = 0);
 Outcome runDelete(const std::string &path, uid_t user = 0);
 // True when the tests run as the superuser in a private mount namespace.
-bool canMount();
+inline bool canMount() { return geteuid() == 0 && std::getenv("QZ_TEST_NO_MOUNTS") == nullptr; }
 
 // A mounted volume: ext4 (the temporary folder itself when it is ext4, an image of 256 MiB on a
 // loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`. Check ok().
