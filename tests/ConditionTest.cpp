@@ -1,4 +1,4 @@
-// QZCondition: ownership checks with their exact texts and lines, hand-over between threads,
+// QZCondition: misuse texts and lines, per-thread assertion handlers, hand-over between threads,
 // and the timed wait that never sleeps.
 #include "support/TestSupport.h"
 
@@ -43,7 +43,7 @@ TEST(Condition, MisuseRaisesItsTextWithTheMethodAndLineAndTheDescriptionNamesIt)
     EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1> 'channel'").arg(address));
 }
 
-TEST(Condition, HandlerThatReturnsLetsTheOperationGiveUp)
+TEST(Condition, AHostHandlerOfOneThreadThatReturnsLetsTheOperationGiveUp)
 {
     struct Recorder : QZAssertionHandler {
         QStringList texts;
@@ -55,8 +55,13 @@ TEST(Condition, HandlerThatReturnsLetsTheOperationGiveUp)
     condition.lock();     // would deadlock if the operation went on
     condition.unlock();
     condition.unlock();
+    std::thread([] {   // another thread keeps the default handler, which throws
+        const auto report = [] { QZAssertionHandler::currentHandler()->handleFailureInFunction("f", "unit", 2, QStringLiteral("theirs")); };
+        EXPECT_STREQ(expectAssertion(report).what(), "f (unit:2): theirs");
+    }).join();
     QZAssertionHandler::setCurrentHandler(nullptr);
     EXPECT_EQ(recorder.texts, QStringList({ QStringLiteral("Dead lock!"), QStringLiteral("Not locked!") }));
+    EXPECT_THROW(condition.unlock(), QZAssertionFailure);   // the default handler is back
 }
 
 TEST(Condition, WaitAndBroadcastHandOverAndTheTimedWaitNeverSleeps)
