@@ -1,5 +1,4 @@
-// Unescaping arbitrary text with the default map and with a map taken from the input, and the
-// escape/unescape round trip.
+// Unescaping arbitrary text with the default map or one taken from the input; escaping round trips.
 #include <QZApp/QZStringExtensions.h>
 
 #include <cstdint>

@@ -1,5 +1,4 @@
-// qzutil as whole processes: one table of commands with their input, exit status and output,
-// checked against the system's base64, basenc and openssl where they do the same work.
+// qzutil as whole processes: commands, input, exit status and output, against base64, basenc and openssl.
 #include "support/QzutilRunner.h"
 #include "support/TestSupport.h"
 
@@ -117,19 +116,14 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         EXPECT_TRUE(result.out == row.out) << result.out.left(200).toStdString();
         EXPECT_TRUE(result.err.startsWith(D(row.err).toUtf8())) << result.err.toStdString();
         // A failure ends with a one-line reason.
-        if (row.status == 1) {
-            EXPECT_TRUE(result.err.endsWith('\n') && result.err.split('\n').at(result.err.count('\n') - 1).startsWith("qzutil: "));
-        }
+        EXPECT_TRUE(row.status != 1 || (result.err.endsWith('\n') && result.err.split('\n').at(result.err.count('\n') - 1).startsWith("qzutil: ")));
     }
     // Public encryption pads at random: openssl decrypts it.
     write(d + QStringLiteral("/sealed"), runQzutil(D("encrypt|--cipher|rsa|--pem|%D/public.pem|--rsa-mode|public").split(QLatin1Char('|')), data.left(117)).out);
     EXPECT_EQ(system(D("openssl|pkeyutl|-decrypt|-inkey|%D/key.pem|-in|%D/sealed")), data.left(117));
     const qztest::ToolResult os = runQzutil({ QStringLiteral("version"), QStringLiteral("os") });
     EXPECT_TRUE(os.exitCode == 0 && os.out.startsWith("kernel: " + system(QStringLiteral("uname|-r")) + "version: 10.")) << os.out.toStdString();
-    EXPECT_FALSE(QFile::exists(d + QStringLiteral("/flat")));
-    QFile copied(d + QStringLiteral("/deep/inner/file"));
-    ASSERT_TRUE(copied.open(QIODevice::ReadOnly));
-    EXPECT_EQ(copied.readAll(), QByteArray("content"));
+    EXPECT_EQ(system(D("cat|%D/deep/inner/file")), "content");
 }
 
 } // namespace
