@@ -9,10 +9,6 @@ namespace {
 
 int releases = 0;
 
-struct Connection {
-    void close() { ++releases; }
-};
-
 class Closable : public QObject
 {
     Q_OBJECT
@@ -34,10 +30,10 @@ TEST(ResourceHolder, ReleasesOnceInEachFormAndReportsUnknownMethodNames)
     }
     EXPECT_EQ(releases, 1);   // neither the destructors nor the empty holder released more
 
-    auto connection = std::make_shared<Connection>();
-    std::weak_ptr<Connection> watch = connection;
+    auto shared = std::make_shared<Closable>();
+    std::weak_ptr<Closable> watch = shared;
     {
-        auto holder = QZResourceHolder::holderWithObject(std::move(connection), &Connection::close);
+        auto holder = QZResourceHolder::holderWithObject(std::move(shared), &Closable::close);
         EXPECT_FALSE(watch.expired());   // the holder shares ownership
     }
     EXPECT_EQ(releases, 2);
