@@ -74,7 +74,6 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         { "version|parse|1.0d", {}, 0, "string: 1.0d(null)\nmajor: 1\nminor: 0\nstatus: 0\nbuild: (null)\nreal: (none)\n" },
         { "version|parse|x1.0", {}, 1, "", "qzutil: not a version: x1.0\n" },
         { "base64|%D/data", {}, 0, wrapped72 },
-        { "base64", data, 0, wrapped72 },
         { "base64|--width|76|-", data, 0, system(D("base64|%D/data")) },
         { "base64|--url|%D/data", {}, 0, system(D("basenc|--base64url|-w|72|%D/data")) },
         { "base64|--mime|%D/data", {}, 0, system(D("base64|-w|68|%D/data")).replace("\n", "\r\n") },
