@@ -11,11 +11,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArray map = split < 0 ? QZ::defaultEscapeMap() : bytes.left(split);
     const QString text = QString::fromUtf8(split < 0 ? bytes : bytes.mid(split + 1));
 
-    QZ::unescapedString(text);
     QZ::unescapedStringWithMap(text, map);
     if (QZ::unescapedString(QZ::stringByEscapingShellCharacters(text)) != text)
         std::abort();
-    QString line;
-    QZ::appendArgument(line, text);
+    QZ::stringWithArgumentArray({ text });
     return 0;
 }

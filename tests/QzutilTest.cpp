@@ -4,7 +4,6 @@
 
 #include <QZApp/QZCrypto.h>
 
-#include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
@@ -44,7 +43,7 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         c = static_cast<char>(generator.bounded(256));
     write(d + QStringLiteral("/data"), data);
     write(d + QStringLiteral("/mime"), QZ::mimeBase64(data).toLatin1());
-    ASSERT_TRUE(QDir().mkpath(d + QStringLiteral("/source/inner")));
+    system(D("mkdir|-p|%D/source/inner"));
     write(d + QStringLiteral("/source/inner/file"), "content");
     write(d + QStringLiteral("/list.plist"), "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>n</key><integer>7</integer>"
                                              "<key>d</key><data>AAE=</data><key>t</key><date>2001-01-01T00:00:00Z</date></dict></plist>");
