@@ -1,5 +1,4 @@
-// Base64 decoding of arbitrary text, as bytes, Latin-1 and UTF-16, against Qt's decoder of the
-// text's alphabet characters alone. (The encoders are checked at every width by the unit tests.)
+// The Base64 decoder on arbitrary bytes, Latin-1 and UTF-16 text, against Qt's decoding of its alphabet characters.
 #include <QZApp/QZCrypto.h>
 
 #include <cstdint>

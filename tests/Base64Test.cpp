@@ -62,8 +62,7 @@ TEST(Base64, LinesHoldWholeGroupsUpToTheWidth)
     EXPECT_FALSE(QZ::base64Encoded(QByteArray()).isNull());
 }
 
-// Every length around the vector and table paths' blocks, at every width: Qt's text in lines,
-// decoded back with a stray character anywhere.
+// Every length around the vector and table paths' blocks at every width; decoded with a stray character.
 TEST(Base64, AgreesWithQtOnRandomData)
 {
     // The most whole groups that fit the width a line; below 4, a break before every group.

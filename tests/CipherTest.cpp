@@ -207,15 +207,13 @@ const char kSignature[] =
     "094ad90e93085df445814186a22aae6b3445bae6c09c3c8de2f523a007e6c44e4c844f3f700a03bf4c09670020132142597d65c7077622eb779e878bd434e58f"
     "ae31c6a3e95f0d97b4de518da4acfe624699055864e4af8c4f547d223c26e860aa6748b51a8f6783ed42d367e6a70dcd04ac561b03caf60feb383bdc1e0afb33";
 
-// A 117-byte number whose private-key decryption under the key above is correctly padded, and
-// the message it carries (found by trying random numbers).
+// A 117-byte number that decrypts under the key above to a padded message (found by trying).
 const char kShortCipherText[] =
     "90d72b5f666c7a4032787b33579944f5bd7c6aa61d41c0674bfc1fe591222a89d84fa4aea449f8716264e59456d6933d52f9f95834f192380de19d9dbcaa6726"
     "8d19c08eeb7c2c58d380ce27c991419563d3be72c113ad4339bf379741a8b4269b0eccc256f3e266177dacaa1f1d684827bbdbc280";
 const char kShortCipherMessage[] = "01a3c73f452ff286c0db29ab83f4ac2bc7b772a156e58d8e21";
 
-// A binary public key (exponent 3) built for a 43-byte signature s: its modulus is s^3 less the
-// padded message, so public-key recovery of s yields the message.
+// A binary public key (exponent 3) whose modulus is s^3 less the padded message, for a signature s.
 const char kBinaryKey[] =
     "03802e0600400000000000000000000000000000000000000000000000000000000000000000000000b50580e5612000000000000000000000000000000000000"
     "0000000000000000000000000000000005535e2b8b7a1b00000000000000000000000000000000000ffaea5be8f8fdf8d9a9c90899a8d9a9becf1598f69c23173";
