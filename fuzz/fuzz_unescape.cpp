@@ -1,5 +1,4 @@
-// Unescaping arbitrary text with the default map and with a map taken from the input, and the
-// escape/unescape round trip.
+// Unescaping arbitrary text with the default map or one taken from the input; escaping round trips.
 #include <QZApp/QZStringExtensions.h>
 
 #include <cstdint>
@@ -12,11 +11,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArray map = split < 0 ? QZ::defaultEscapeMap() : bytes.left(split);
     const QString text = QString::fromUtf8(split < 0 ? bytes : bytes.mid(split + 1));
 
-    QZ::unescapedString(text);
     QZ::unescapedStringWithMap(text, map);
     if (QZ::unescapedString(QZ::stringByEscapingShellCharacters(text)) != text)
         std::abort();
-    QString line;
-    QZ::appendArgument(line, text);
+    QZ::stringWithArgumentArray({ text });
     return 0;
 }

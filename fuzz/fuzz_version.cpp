@@ -11,8 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!version)
         return 0;
     version->hash();
-    // Comparing a version with itself gives 0, whatever it holds (the real version is never
-    // NaN, since only digits are read).
+    // Only digits are read, so the real version is never NaN and a version equals itself.
     if (version->compare(*version) != 0)
         std::abort();
     const std::optional<QZVersion> reparsed = QZVersion::versionFromString(version->stringValue());

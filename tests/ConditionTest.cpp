@@ -1,4 +1,4 @@
-// QZCondition: ownership checks with their exact texts and lines, hand-over between threads,
+// QZCondition: misuse texts and lines, per-thread assertion handlers, hand-over between threads,
 // and the timed wait that never sleeps.
 #include "support/TestSupport.h"
 
@@ -16,22 +16,21 @@ namespace {
 TEST(Condition, MisuseRaisesItsTextWithTheMethodAndLineAndTheDescriptionNamesIt)
 {
     QZCondition condition;
-    const auto expectFailure = [&](const std::function<void()> &operation, const char *method, int line, const char *text) {
+    // The report reads "METHOD (SOURCE UNIT:LINE): TEXT".
+    const auto expectFailure = [&](const std::function<void()> &operation, const char *report) {
         const QZAssertionFailure failure = expectAssertion(operation);
-        EXPECT_EQ(failure.method(), QLatin1String(method));
         EXPECT_EQ(failure.object(), &condition);
-        EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZCondition"));
-        EXPECT_EQ(failure.line(), line);
-        EXPECT_EQ(failure.description(), QLatin1String(text));
+        EXPECT_STREQ(failure.what(), report);
     };
-    expectFailure([&] { condition.wait(); }, "QZCondition::wait", 85, "Not locked!");
-    expectFailure([&] { condition.waitUntilDate(QDateTime::currentDateTime()); }, "QZCondition::waitUntilDate", 101, "Not locked!");
-    expectFailure([&] { condition.unlock(); }, "QZCondition::unlock", 74, "Not locked!");
+    expectFailure([&] { condition.wait(); }, "QZCondition::wait (app-common/QZApp/QZCondition:85): Not locked!");
+    expectFailure([&] { condition.waitUntilDate(QDateTime::currentDateTime()); },
+                  "QZCondition::waitUntilDate (app-common/QZApp/QZCondition:101): Not locked!");
+    expectFailure([&] { condition.unlock(); }, "QZCondition::unlock (app-common/QZApp/QZCondition:74): Not locked!");
     condition.lock();
-    expectFailure([&] { condition.lock(); }, "QZCondition::lock", 41, "Dead lock!");
-    expectFailure([&] { condition.tryLock(); }, "QZCondition::tryLock", 56, "Dead lock!");
+    expectFailure([&] { condition.lock(); }, "QZCondition::lock (app-common/QZApp/QZCondition:41): Dead lock!");
+    expectFailure([&] { condition.tryLock(); }, "QZCondition::tryLock (app-common/QZApp/QZCondition:56): Dead lock!");
     std::thread([&] {   // another thread may not unlock it, and cannot take it
-        expectFailure([&] { condition.unlock(); }, "QZCondition::unlock", 74, "Not locked!");
+        expectFailure([&] { condition.unlock(); }, "QZCondition::unlock (app-common/QZApp/QZCondition:74): Not locked!");
         EXPECT_FALSE(condition.tryLock());
     }).join();
     condition.unlock();   // held exactly once
@@ -43,7 +42,7 @@ TEST(Condition, MisuseRaisesItsTextWithTheMethodAndLineAndTheDescriptionNamesIt)
     EXPECT_EQ(condition.description(), QStringLiteral("<QZCondition: %1> 'channel'").arg(address));
 }
 
-TEST(Condition, HandlerThatReturnsLetsTheOperationGiveUp)
+TEST(Condition, AHostHandlerOfOneThreadThatReturnsLetsTheOperationGiveUp)
 {
     struct Recorder : QZAssertionHandler {
         QStringList texts;
@@ -55,8 +54,13 @@ TEST(Condition, HandlerThatReturnsLetsTheOperationGiveUp)
     condition.lock();     // would deadlock if the operation went on
     condition.unlock();
     condition.unlock();
+    std::thread([] {   // another thread keeps the default handler, which throws
+        const auto report = [] { QZAssertionHandler::currentHandler()->handleFailureInFunction("f", "unit", 2, QStringLiteral("theirs")); };
+        EXPECT_STREQ(expectAssertion(report).what(), "f (unit:2): theirs");
+    }).join();
     QZAssertionHandler::setCurrentHandler(nullptr);
     EXPECT_EQ(recorder.texts, QStringList({ QStringLiteral("Dead lock!"), QStringLiteral("Not locked!") }));
+    EXPECT_THROW(condition.unlock(), QZAssertionFailure);   // the default handler is back
 }
 
 TEST(Condition, WaitAndBroadcastHandOverAndTheTimedWaitNeverSleeps)
@@ -86,13 +90,11 @@ TEST(Condition, WaitAndBroadcastHandOverAndTheTimedWaitNeverSleeps)
 
 TEST(ConditionDeathTest, DestroyingAHeldLockAborts)
 {
-    EXPECT_DEATH(
-            {
-                auto *condition = new QZCondition;
-                condition->lock();
-                delete condition;
-            },
-            "app-common/QZApp/QZCondition:28: .*Assertion `!thread_with_lock' failed");
+    const auto destroyHeld = [] {
+        QZCondition condition;
+        condition.lock();
+    };
+    EXPECT_DEATH(destroyHeld(), "app-common/QZApp/QZCondition:28: .*Assertion `!thread_with_lock' failed");
 }
 
 } // namespace

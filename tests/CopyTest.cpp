@@ -1,10 +1,5 @@
-// copy_file and delete_file_object on real volumes. On ext4 as the superuser: every kind of
-// object with its metadata, merging, filters, obstacles, large and sparse files, a comparison
-// with cp -a property by property, deletion through immutable entries and read-only folders.
-// Then a tmpfs that fills up in the middle of a file, a FAT volume that keeps no permission
-// bits, owners or flags, the two-entry cache of volume capabilities, and an ordinary user (uid
-// and gid 65534, in a forked child) with read-only folders, entries it may not read and
-// set-user-id programs of others.
+// copy_file and delete_file_object on real volumes: ext4 as the superuser and, in forked
+// children, as an ordinary user; a tmpfs that fills up; a FAT volume; the capability cache.
 #include "support/ScratchVolumes.h"
 
 #include "../app-common/QZApp/utils/utils_private.h"
@@ -17,13 +12,8 @@
 
 #include <acl/libacl.h>
 #include <fcntl.h>
-#include <linux/fs.h>
 #include <sys/acl.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/un.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -31,19 +21,28 @@ using namespace qztest;
 
 namespace {
 
+constexpr uid_t nobody = 65534;
+
+// An ext4 volume with a folder `work` that the ordinary user may write into.
 class Copy : public testing::Test
 {
 protected:
     void SetUp() override
     {
-        if (geteuid() != 0)
-            GTEST_SKIP() << "needs the superuser";
+        if (!canMount())
+            GTEST_SKIP() << "needs the superuser and a mount namespace";
         ASSERT_TRUE(volume.ok());
+        utils_volume_capabilities_reset();   // unmounted volumes leave their device numbers to new ones
+        makeFolder(work);
+        ASSERT_EQ(chown(work.c_str(), nobody, nobody) | chmod(volume.path().c_str(), 0755), 0);
     }
 
     ScratchVolume volume { ScratchVolume::Ext4 };
+    const std::string work = volume / "work";
 };
 using Delete = Copy;
+using CopyVolumes = Copy;
+using Unprivileged = Copy;
 
 void setTime(const std::string &path, time_t seconds, long nanoseconds)
 {
@@ -63,13 +62,11 @@ void setAttribute(const std::string &path, const char *name, const std::string &
     ASSERT_EQ(setxattr(path.c_str(), name, value.data(), value.size(), 0), 0) << path;
 }
 
-// Every property that cp -a and copy_file both carry, as text: mode, owner, group, modification
-// time, access control list (the default one of a folder) and user attributes. (The access time
-// is carried by neither in a comparable way.)
+// What cp -a and copy_file both carry, as text: type and mode, owner, group, modification time,
+// the access control list (a folder's default one) and user attributes that have a value.
 std::string properties(const std::string &path)
 {
-    struct stat status {};
-    lstat(path.c_str(), &status);
+    const struct stat status = statusOf(path);
     std::ostringstream out;
     out << std::oct << status.st_mode << std::dec << " " << status.st_uid << ":" << status.st_gid << " "
         << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
@@ -83,48 +80,60 @@ std::string properties(const std::string &path)
     const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
     for (const char *name = names; size > 0 && name < names + size; name += std::strlen(name) + 1) {
         const ssize_t length = lgetxattr(path.c_str(), name, value, sizeof value);
-        if (std::strncmp(name, "user.", 5) == 0)
-            out << " " << name << "=" << std::string(value, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+        if (length > 0 && std::strncmp(name, "user.", 5) == 0)
+            out << " " << name << "=" << std::string(value, static_cast<size_t>(length));
     }
     return out.str();
 }
 
-// (Times, access control lists and attributes are compared with cp -a's below.)
-TEST_F(Copy, CarriesEveryKindOfObject)
+TEST_F(Copy, CarriesEveryKindOfObjectAsCpArchiveDoesAndAlsoImmutability)
 {
-    const std::string source = volume / "source", dest = volume / "copy", file = source + "/program";
-    makeTree(source, { { "program", "#!/bin/sh\n" }, { "locked/inside", "frozen" } });
-    ASSERT_EQ(chmod(file.c_str(), 04755) | chmod(source.c_str(), 0750), 0);
-    setAttribute(file, "user.note", "kept");
-    setAttribute(file, "user.empty", "");
+    const std::string source = volume / "tree", ours = volume / "ours", theirs = volume / "theirs";
+    makeFolder(source, 0750);
+    for (int folder = 0; folder < 10; folder++) {
+        const std::string dir = source + "/d" + std::to_string(folder);
+        makeFolder(dir, folder % 3 ? 0755 : 0700);
+        ASSERT_EQ(chown(dir.c_str(), nobody, static_cast<gid_t>(folder)), 0);
+        for (int file = 0; file < 10; file++) {
+            const int index = folder * 10 + file;
+            const std::string path = dir + "/f" + std::to_string(file);
+            writeFile(path, std::string(static_cast<size_t>(1024 + index * 150), static_cast<char>('a' + file)),
+                      index % 4 ? 0644 : 0600);
+            setAttribute(path, "user.bench", "value " + std::to_string(index));
+            if (index % 10 == 0)
+                setAcl(path, "u::rw-,u:65534:r--,g::r--,m::r--,o::r--");
+            ASSERT_EQ(chown(path.c_str(), static_cast<uid_t>(1000 + file), 100), 0);
+            setTime(path, 1500000000 + index, index * 1000);
+        }
+        setTime(dir, 1600000000 + folder, 7);
+    }
+    setAcl(source + "/d1", "u::rwx,g::r-x,u:65534:rwx,m::rwx,o::r-x", true);
+    const std::string program = source + "/program";
+    writeFile(program, "#!/bin/sh\n", 06755);   // set-user-id and set-group-id kept: the same owner
+    setAttribute(program, "user.note", "kept");
+    setAttribute(program, "user.empty", "");
     ASSERT_EQ(mkfifo((source + "/pipe").c_str(), 0640), 0);
-    sockaddr_un address { AF_UNIX, {} };
-    ASSERT_LT(source.size() + 7, sizeof address.sun_path);
-    std::strcpy(address.sun_path, (source + "/socket").c_str());
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    close(fd);
+    ASSERT_EQ(mknod((source + "/socket").c_str(), S_IFSOCK | 0644, 0), 0);
     ASSERT_EQ(mknod((source + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
     ASSERT_EQ(symlink("nowhere/at/all", (source + "/dangling").c_str()), 0);
     const std::string longTarget = std::string(300, 'x') + "/" + std::string(1700, 'y');
     ASSERT_EQ(symlink(longTarget.c_str(), (source + "/long").c_str()), 0);
+    makeTree(source, { { "locked/inside", "frozen" } });
     setImmutable(source + "/locked/inside");
     setImmutable(source + "/locked");
     setTime(source, 1200000000, 5);
 
-    const Outcome outcome = runCopy(source, dest, COPY_FILE_RECURSIVE);
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(listing(dest), "dangling->nowhere/at/all locked/ locked/inside=frozen long->" + longTarget
-                                     + " null* pipe* program=#!/bin/sh\n socket*");
-    EXPECT_TRUE(S_ISFIFO(modeOf(dest + "/pipe")) && S_ISSOCK(modeOf(dest + "/socket")) && S_ISCHR(modeOf(dest + "/null")));
-    struct stat node, folder;
-    ASSERT_EQ(lstat((dest + "/null").c_str(), &node) | lstat(source.c_str(), &folder), 0);
-    EXPECT_EQ(node.st_rdev, folder.st_dev);   // the node gets the source volume's device
-    // Set-user-id kept (the same owner); an empty attribute is not made again.
-    EXPECT_EQ(properties(dest + "/program"), properties(file).replace(properties(file).find(" user.empty="), 12, ""));
-    EXPECT_TRUE(isImmutable(dest + "/locked") && isImmutable(dest + "/locked/inside"));
-    EXPECT_EQ(modeOf(dest) & 07777, 0750u);
+    ASSERT_EQ(runProgram({ "cp", "-a", source, theirs }).status, 0);
+    EXPECT_EQ(runCopy(source, ours, COPY_FILE_RECURSIVE), (Outcome { 0, "" }));
+    EXPECT_EQ(listing(ours), listing(theirs));
+    EXPECT_EQ(properties(ours), properties(theirs));
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(theirs)) {
+        const std::string relative = entry.path().string().substr(theirs.size() + 1);
+        EXPECT_EQ(properties(ours + "/" + relative), properties(entry.path())) << relative;
+    }
+    EXPECT_EQ(lgetxattr((ours + "/program").c_str(), "user.empty", nullptr, 0), -1);   // not made again
+    EXPECT_EQ(statusOf(ours + "/null").st_rdev, statusOf(source).st_dev);   // the source volume's device
+    EXPECT_TRUE(isImmutable(ours + "/locked") && isImmutable(ours + "/locked/inside"));
 
     // Without recursion a folder is copied empty, with its own metadata.
     ASSERT_EQ(runCopy(source, volume / "flat").status, 0);
@@ -132,35 +141,27 @@ TEST_F(Copy, CarriesEveryKindOfObject)
     EXPECT_EQ(properties(volume / "flat"), properties(source));
 }
 
-TEST_F(Copy, MergesIntoAnExistingTreeAndReplacesWhatIsInTheWay)
+TEST_F(Copy, MergesIntoATreeReplacingWhatIsInTheWayButNeverWritesThroughALinkOrOntoItsSource)
 {
-    const std::string source = volume / "source", dest = volume / "copy";
-    makeTree(source, { { "same", "new" }, { "sub/deeper/leaf", "leaf" }, { "was-folder", "now a file" }, { "was-file/", "" } });
+    const std::string source = volume / "source", dest = volume / "copy", outside = volume / "outside";
+    makeTree(source, { { "same", "new" }, { "sub/deeper/leaf", "leaf" }, { "was-folder", "now a file" }, { "was-file/", "" },
+                       { "link", "payload" } });
     makeTree(dest, { { "same", "old and longer" }, { "keep", "untouched" }, { "sub/keep-too", "untouched" },
                      { "was-folder/inner/", "" }, { "was-file", "a file" } });
+    writeFile(outside, "must stay");
+    ASSERT_EQ(symlink(outside.c_str(), (dest + "/link").c_str()), 0);
     setImmutable(dest + "/sub");
-    struct stat before, after;
-    ASSERT_EQ(stat((dest + "/same").c_str(), &before), 0);
+    const ino_t same = statusOf(dest + "/same").st_ino;
     ASSERT_EQ(runCopy(source, dest, COPY_FILE_RECURSIVE).status, 0);
-    ASSERT_EQ(stat((dest + "/same").c_str(), &after), 0);
-    EXPECT_EQ(after.st_ino, before.st_ino);   // truncated and overwritten, not replaced
-    EXPECT_EQ(listing(dest), "keep=untouched same=new sub/ sub/deeper/ sub/deeper/leaf=leaf sub/keep-too=untouched "
-                             "was-file/ was-folder=now a file");
+    EXPECT_EQ(statusOf(dest + "/same").st_ino, same);   // truncated and overwritten, not replaced
     EXPECT_FALSE(isImmutable(dest + "/sub"));
-}
 
-TEST_F(Copy, NeverWritesThroughALinkOntoItsSourceOrFromWhatIsMissing)
-{
-    const std::string here = volume / "here", outside = here + "/outside", source = here + "/source", link = here + "/link";
-    makeTree(here, { { "outside", "must stay" }, { "source", "payload" } });
-    ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
-    ASSERT_EQ(runCopy(source, link).status, 0);
-    EXPECT_TRUE(S_ISREG(modeOf(link)));
-    EXPECT_EQ(runCopy(source, source).status, EEXIST);
-    const Outcome missing = runCopy(here + "/absent", source);
-    EXPECT_EQ(missing.status, ENOENT);
-    EXPECT_EQ(missing.output, here + "/absent: No such file or directory (at utils:309)\n");
-    EXPECT_EQ(listing(here), "link=payload outside=must stay source=payload");
+    EXPECT_EQ(runCopy(source + "/same", source + "/same").status, EEXIST);
+    EXPECT_EQ(runCopy(source + "/absent", dest + "/same"),
+              (Outcome { ENOENT, source + "/absent: No such file or directory (at utils:309)\n" }));
+    EXPECT_EQ(listing(dest), "keep=untouched link=payload same=new sub/ sub/deeper/ sub/deeper/leaf=leaf sub/keep-too=untouched "
+                             "was-file/ was-folder=now a file");
+    EXPECT_EQ(readFile(source + "/same") + readFile(outside), "newmust stay");
 }
 
 TEST_F(Copy, FilterSkipsASubtreeAndSeesDestinationDevices)
@@ -184,14 +185,15 @@ TEST_F(Copy, FilterSkipsASubtreeAndSeesDestinationDevices)
     EXPECT_EQ(*seen.devices.begin(), -1);
 }
 
-TEST_F(Copy, LargeAndSparseFilesArriveIntactOnTheSameAndAnotherVolume)
+TEST_F(CopyVolumes, LargeAndSparseFilesArriveIntactAndAFullVolumeKeepsNoPartialCopy)
 {
-    ScratchVolume other(ScratchVolume::Tmpfs, 128ull << 20);
-    ASSERT_TRUE(other.ok());
+    ScratchVolume other(ScratchVolume::Tmpfs, 128ull << 20), small(ScratchVolume::Tmpfs, 4u << 20);
+    ASSERT_TRUE(other.ok() && small.ok());
     std::string large(20u << 20, '\0');   // beyond the 8 MiB buffer
     for (size_t i = 0; i < large.size(); i++)
         large[i] = static_cast<char>((i * 2654435761u) >> 13);
-    const std::string big = volume / "big", sparse = volume / "sparse";
+    const std::string folder = volume / "folder", big = folder + "/big", sparse = volume / "sparse";
+    makeFolder(folder);
     writeFile(big, large);
     const int fd = open(sparse.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_TRUE(pwrite(fd, "head", 4, 0) == 4 && pwrite(fd, "tail", 4, 30 << 20) == 4);
@@ -202,80 +204,40 @@ TEST_F(Copy, LargeAndSparseFilesArriveIntactOnTheSameAndAnotherVolume)
         EXPECT_TRUE(readFile(target + "/big") == large) << target;
         EXPECT_TRUE(readFile(target + "/sparse") == readFile(sparse)) << target;
     }
+
+    // A volume that fills up keeps nothing; inside a tree each folder adds its line and goes too.
+    EXPECT_EQ(runCopy(big, small / "big"),
+              (Outcome { ENOSPC, small / "big: No space left on device (at utils:703)\nutils:453: error (28)\n" }));
+    EXPECT_FALSE(exists(small / "big"));
+    EXPECT_EQ(runCopy(folder, small / "folder", COPY_FILE_RECURSIVE),
+              (Outcome { ENOSPC, small / "folder/big: No space left on device (at utils:703)\nutils:453: error (28)\nutils:410: error (28)\n" }));
+    EXPECT_FALSE(exists(small / "folder"));
+    EXPECT_TRUE(readFile(big) == large);
 }
 
-TEST_F(Copy, MatchesCpArchivePropertyByPropertyAndAlsoCarriesImmutability)
+TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotPastAnAppendOnlyFile)
 {
-    const std::string source = volume / "tree", ours = volume / "ours", theirs = volume / "theirs";
-    for (int folder = 0; folder < 10; folder++) {
-        const std::string dir = source + "/d" + std::to_string(folder);
-        makeFolder(dir, folder % 3 ? 0755 : 0700);
-        ASSERT_EQ(chown(dir.c_str(), 65534, static_cast<gid_t>(folder)), 0);
-        for (int file = 0; file < 10; file++) {
-            const int index = folder * 10 + file;
-            const std::string path = dir + "/f" + std::to_string(file);
-            writeFile(path, std::string(static_cast<size_t>(1024 + index * 150), static_cast<char>('a' + file)),
-                      index % 4 ? 0644 : 0600);
-            setAttribute(path, "user.bench", "value " + std::to_string(index));
-            if (index % 10 == 0)
-                setAcl(path, "u::rw-,u:65534:r--,g::r--,m::r--,o::r--");
-            ASSERT_EQ(chown(path.c_str(), static_cast<uid_t>(1000 + file), 100), 0);
-            setTime(path, 1500000000 + index, index * 1000);
-        }
-        setTime(dir, 1600000000 + folder, 7);
-    }
-    setAcl(source + "/d1", "u::rwx,g::r-x,u:65534:rwx,m::rwx,o::r-x", true);
-    writeFile(source + "/frozen", "solid");
-    setImmutable(source + "/frozen");
-
-    ASSERT_EQ(runProgram({ "cp", "-a", source, theirs }).status, 0);
-    const Outcome outcome = runCopy(source, ours, COPY_FILE_RECURSIVE);
-    ASSERT_EQ(outcome.status, 0) << outcome.output;
-    EXPECT_EQ(listing(ours), listing(theirs));
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(theirs)) {
-        const std::string relative = std::filesystem::relative(entry.path(), theirs);
-        EXPECT_EQ(properties(ours + "/" + relative), properties(entry.path())) << relative;
-    }
-    EXPECT_TRUE(isImmutable(ours + "/frozen"));
-    EXPECT_FALSE(isImmutable(theirs + "/frozen"));
-}
-
-TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotWhatLinksPointTo)
-{
-    const std::string here = volume / "here", tree = here + "/tree";
-    makeTree(here, { { "outside/precious", "keep" }, { "tree/frozen/inner/file", "x" }, { "tree/stuck", "z" } });
+    const std::string here = volume / "here", tree = here + "/tree", log = tree + "/sub/log";
+    makeTree(here, { { "outside/precious", "keep" }, { "tree/frozen/inner/file", "x" }, { "tree/stuck", "z" },
+                     { "tree/sub/log", "entries" } });
     ASSERT_EQ(mkfifo((tree + "/pipe").c_str(), 0600), 0);
     ASSERT_EQ(symlink((here + "/outside").c_str(), (tree + "/link").c_str()), 0);
     setImmutable(tree + "/stuck");
     setImmutable(tree + "/frozen/inner/file");
     setImmutable(tree + "/frozen");
     makeFolder(tree + "/closed", 0500);
-
+    ASSERT_EQ(runProgram({ "chattr", "+a", log }).status, 0);
     EXPECT_EQ(runDelete(tree + "/link").status, 0);   // a link to a folder goes itself
-    const Outcome outcome = runDelete(tree);
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(listing(here), "outside/ outside/precious=keep");
-    const Outcome again = runDelete(tree);   // what is already gone fails quietly
-    EXPECT_EQ(again.status, ENOENT);
-    EXPECT_EQ(again.output, "");
-}
 
-TEST_F(Delete, AnAppendOnlyFileStopsItWithAChainOfReportsAndLongPathsFail)
-{
-    const std::string tree = volume / "tree", file = tree + "/sub/log";
-    makeTree(tree, { { "sub/log", "entries" } });
-    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    int flags = 0;   // added to the flags it has: clearing the extents flag would convert the file
-    ASSERT_EQ(ioctl(fd, FS_IOC_GETFLAGS, &flags), 0);
-    flags |= FS_APPEND_FL;
-    ASSERT_EQ(ioctl(fd, FS_IOC_SETFLAGS, &flags), 0);
-    close(fd);
-    const Outcome outcome = runDelete(tree);
-    EXPECT_EQ(outcome.status, EPERM);
-    EXPECT_EQ(outcome.output, file + ": Operation not permitted (at utils:195)\n" + file + ": Operation not permitted (at utils:189)\n"
-                                  + tree + "/sub: Operation not permitted (at utils:189)\n");
-    EXPECT_TRUE(exists(file));
+    // The append-only file stops it, with a line from each folder on the way down.
+    EXPECT_EQ(runDelete(tree), (Outcome { EPERM, log + ": Operation not permitted (at utils:195)\n" + log
+                                                      + ": Operation not permitted (at utils:189)\n" + tree
+                                                      + "/sub: Operation not permitted (at utils:189)\n" }));
+    EXPECT_TRUE(exists(log));
+    ASSERT_EQ(runProgram({ "chattr", "-a", log }).status, 0);
+    EXPECT_EQ(runDelete(tree), (Outcome { 0, "" }));
+    EXPECT_EQ(listing(here), "outside/ outside/precious=keep");
+    EXPECT_EQ(runDelete(tree), (Outcome { ENOENT, "" }));   // what is already gone fails quietly
 
     // Paths longer than its buffer are cut, and fail.
     std::string path = volume / "deep";
@@ -288,144 +250,70 @@ TEST_F(Delete, AnAppendOnlyFileStopsItWithAChainOfReportsAndLongPathsFail)
     EXPECT_TRUE(exists(path));
 }
 
-constexpr uid_t nobody = 65534;
-
-class CopyVolumes : public testing::Test
+TEST_F(CopyVolumes, TheCapabilityCacheKeepsTwoVolumesAndAFatVolumeGivesCopiesBackOwnerOnly)
 {
-protected:
-    void SetUp() override
-    {
-        if (!canMount())
-            GTEST_SKIP() << "needs the superuser and a mount namespace";
-        ASSERT_TRUE(ext4.ok());
-        // Volumes that earlier tests unmounted may have left their device numbers to new ones.
-        utils_volume_capabilities_reset();
-    }
+    ScratchVolume tmpfs(ScratchVolume::Tmpfs), fat(ScratchVolume::Fat);
+    ASSERT_TRUE(tmpfs.ok() && fat.ok());
+    writeFile(volume / "file", "data");
+    ASSERT_EQ(runCopy(volume / "file", tmpfs / "file").status, 0);
+    EXPECT_EQ(utils_volume_capability_queries(), 2u);
+    ASSERT_EQ(runCopy(tmpfs / "file", volume / "again").status, 0);
+    EXPECT_EQ(utils_volume_capability_queries(), 2u);   // there and back: both cached
 
-    ScratchVolume ext4 { ScratchVolume::Ext4 };
-};
-
-TEST_F(CopyVolumes, AFullVolumeLeavesNoPartialCopyAndTheSourceUntouched)
-{
-    ScratchVolume small(ScratchVolume::Tmpfs, 4u << 20);
-    ASSERT_TRUE(small.ok());
-    const std::string source = ext4 / "folder", content(16u << 20, 'z');
-    makeFolder(source);
-    writeFile(source + "/large", content);
-
-    Outcome outcome = runCopy(source + "/large", small / "large");
-    EXPECT_EQ(outcome.status, ENOSPC);
-    EXPECT_EQ(outcome.output, small / "large: No space left on device (at utils:703)\nutils:453: error (28)\n");
-    EXPECT_FALSE(exists(small / "large"));
-    // Inside a tree, each enclosing folder adds its line and is removed as well.
-    outcome = runCopy(source, small / "folder", COPY_FILE_RECURSIVE);
-    EXPECT_EQ(outcome.status, ENOSPC);
-    EXPECT_EQ(outcome.output, small / "folder/large: No space left on device (at utils:703)\nutils:453: error (28)\nutils:410: error (28)\n");
-    EXPECT_FALSE(exists(small / "folder"));
-    EXPECT_TRUE(readFile(source + "/large") == content);
-}
-
-TEST_F(CopyVolumes, AFatVolumeTakesCopiesWithoutPermissionsAndGivesThemBackOwnerOnly)
-{
-    ScratchVolume fat(ScratchVolume::Fat);
-    ASSERT_TRUE(fat.ok());
-    const std::string source = ext4 / "source", back = ext4 / "back";
-    makeTree(source, { { "tool", "run me" }, { "frozen", "ice" } });
-    ASSERT_EQ(chown((source + "/tool").c_str(), nobody, nobody) | chmod((source + "/tool").c_str(), 04755), 0);
-    ASSERT_EQ(setxattr((source + "/tool").c_str(), "user.note", "x", 1, 0), 0);
-    setImmutable(source + "/frozen");
-
+    // The third volume takes the place of the one queried longer ago (ext4, queried first).
     const struct volume_capabilities *capabilities = utils_volume_capabilities(fat.path().c_str(), -1);
     ASSERT_NE(capabilities, nullptr);
-    EXPECT_EQ(capabilities->common, UTILS_ATTR_MODTIME);
-    const Outcome there = runCopy(source, fat / "copy", COPY_FILE_RECURSIVE);
-    ASSERT_EQ(there.status, 0) << there.output;
-    const Outcome home = runCopy(fat / "copy", back, COPY_FILE_RECURSIVE);
-    ASSERT_EQ(home.status, 0) << home.output;
+    EXPECT_EQ(capabilities->common, UTILS_ATTR_MODTIME);   // no permission bits, owners or flags
+    capabilities = utils_volume_capabilities(tmpfs.path().c_str(), -1);
+    ASSERT_NE(capabilities, nullptr);
+    EXPECT_EQ(capabilities->common & UTILS_ATTR_CARRIED, UTILS_ATTR_MODTIME | UTILS_ATTR_ACCESSMASK | UTILS_ATTR_FLAGS);
+    EXPECT_EQ(utils_volume_capability_queries(), 3u);
+    ASSERT_NE(utils_volume_capabilities(volume.path().c_str(), -1), nullptr);
+    EXPECT_EQ(utils_volume_capability_queries(), 4u);
+    testing::internal::CaptureStderr();
+    errno = 0;
+    EXPECT_EQ(utils_volume_capabilities((volume / "absent").c_str(), -1), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), volume / "absent" + ": No such file or directory (at utils:222)\n");
+
+    // Copies go there and come back with the modes they were made with, and no flags.
+    const std::string source = volume / "source", back = volume / "back";
+    makeTree(source, { { "tool", "run me" }, { "frozen", "ice" } });
+    ASSERT_EQ(chown((source + "/tool").c_str(), nobody, nobody) | chmod((source + "/tool").c_str(), 04755), 0);
+    setAttribute(source + "/tool", "user.note", "x");
+    setImmutable(source + "/frozen");
+    ASSERT_EQ(runCopy(source, fat / "copy", COPY_FILE_RECURSIVE), (Outcome { 0, "" }));
+    ASSERT_EQ(runCopy(fat / "copy", back, COPY_FILE_RECURSIVE), (Outcome { 0, "" }));
     EXPECT_EQ(listing(back), "frozen=ice tool=run me");
-    EXPECT_EQ(modeOf(back) & 07777, 0700u);   // as created: the FAT volume had no bits
+    EXPECT_EQ(modeOf(back) & 07777, 0700u);
     EXPECT_EQ(modeOf(back + "/tool") & 07777, 0600u);
     EXPECT_FALSE(isImmutable(back + "/frozen"));
 }
 
-TEST_F(CopyVolumes, TheCapabilityCacheKeepsTheTwoVolumesQueriedLast)
-{
-    ScratchVolume first(ScratchVolume::Tmpfs), second(ScratchVolume::Tmpfs);
-    ASSERT_TRUE(first.ok() && second.ok());
-    writeFile(ext4 / "file", "data");
-
-    ASSERT_EQ(runCopy(ext4 / "file", first / "file").status, 0);
-    EXPECT_EQ(utils_volume_capability_queries(), 2u);
-    ASSERT_EQ(runCopy(first / "file", ext4 / "again").status, 0);
-    EXPECT_EQ(utils_volume_capability_queries(), 2u);   // there and back: both cached
-
-    const struct volume_capabilities *capabilities = utils_volume_capabilities(second.path().c_str(), -1);
-    ASSERT_NE(capabilities, nullptr);
-    EXPECT_EQ(capabilities->common & UTILS_ATTR_CARRIED, UTILS_ATTR_MODTIME | UTILS_ATTR_ACCESSMASK | UTILS_ATTR_FLAGS);
-    EXPECT_EQ(utils_volume_capability_queries(), 3u);
-    // The third volume took the place of the one queried longer ago (ext4, queried first).
-    ASSERT_NE(utils_volume_capabilities(first.path().c_str(), -1), nullptr);
-    EXPECT_EQ(utils_volume_capability_queries(), 3u);
-    ASSERT_NE(utils_volume_capabilities(ext4.path().c_str(), -1), nullptr);
-    EXPECT_EQ(utils_volume_capability_queries(), 4u);
-
-    testing::internal::CaptureStderr();
-    errno = 0;
-    EXPECT_EQ(utils_volume_capabilities((ext4 / "absent").c_str(), -1), nullptr);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), ext4 / "absent" + ": No such file or directory (at utils:222)\n");
-}
-
-// The superuser sets up, then drops to the ordinary user in a child.
-class Unprivileged : public Copy
-{
-protected:
-    void SetUp() override
-    {
-        Copy::SetUp();
-        if (IsSkipped() || HasFatalFailure())
-            return;
-        makeFolder(work);   // a folder the user may write into, with the sources beside it
-        ASSERT_EQ(chown(work.c_str(), nobody, nobody) | chmod(volume.path().c_str(), 0755), 0);
-    }
-
-    const std::string work = volume / "work";
-};
-
-TEST_F(Unprivileged, ReadOnlyFoldersAreCopiedMergedIntoAndDeleted)
+TEST_F(Unprivileged, CopiesReadOnlyFoldersAndStopsAtAnUnreadableEntryUnlessKeepingGoing)
 {
     const std::string source = volume / "source", dest = work + "/copy";
-    makeTree(source, { { "closed/file", "read me" }, { "closed/deeper/file", "me too" } });
+    makeTree(source, { { "closed/file", "read me" }, { "closed/deeper/file", "me too" }, { "inner/secret", "no" },
+                       { "inner/open", "yes" }, { "inner/frozen", "ice" } });
+    setImmutable(source + "/inner/frozen");
     makeFolder(source + "/closed/deeper", 0555);
     makeFolder(source + "/closed", 0555);
-
-    const Outcome copied = runCopy(source, dest, COPY_FILE_RECURSIVE, nobody);
-    ASSERT_EQ(copied.status, 0) << copied.output;
-    EXPECT_EQ(listing(dest), "closed/ closed/deeper/ closed/deeper/file=me too closed/file=read me");
-    EXPECT_EQ(modeOf(dest + "/closed") & 07777, 0555u);
-    struct stat status;
-    ASSERT_EQ(stat((dest + "/closed/file").c_str(), &status), 0);
-    EXPECT_EQ(status.st_uid, nobody);   // the copy belongs to whoever made it
-    EXPECT_EQ(runCopy(source, dest, COPY_FILE_RECURSIVE, nobody).status, 0);
-    EXPECT_EQ(runDelete(dest, nobody).status, 0);
-    EXPECT_FALSE(exists(dest));
-}
-
-TEST_F(Unprivileged, AnUnreadableEntryFailsTheFolderUnlessKeepingGoing)
-{
-    const std::string source = volume / "source";
-    makeTree(source, { { "inner/secret", "no" }, { "inner/open", "yes" } });
     ASSERT_EQ(chmod((source + "/inner/secret").c_str(), 0600), 0);   // the superuser's
 
-    const Outcome failed = runCopy(source, work + "/strict", COPY_FILE_RECURSIVE, nobody);
-    EXPECT_EQ(failed.status, EACCES);
     // The data copy opens the source without a report of its own; each level adds its line.
-    EXPECT_EQ(failed.output, "utils:453: error (13)\nutils:410: error (13)\nutils:410: error (13)\n");
+    EXPECT_EQ(runCopy(source, work + "/strict", COPY_FILE_RECURSIVE, nobody),
+              (Outcome { EACCES, "utils:453: error (13)\nutils:410: error (13)\nutils:410: error (13)\n" }));
     EXPECT_FALSE(exists(work + "/strict"));
-    const Outcome kept = runCopy(source, work + "/lenient", COPY_FILE_RECURSIVE | COPY_FILE_KEEP_GOING, nobody);
-    EXPECT_EQ(kept.status, 0);
-    EXPECT_EQ(kept.output, "utils:453: error (13)\n");
-    EXPECT_EQ(listing(work + "/lenient"), "inner/ inner/open=yes");
+    for (int round = 0; round < 2; round++)   // the second merges into the read-only folders
+        EXPECT_EQ(runCopy(source, dest, COPY_FILE_RECURSIVE | COPY_FILE_KEEP_GOING, nobody),
+                  (Outcome { 0, "utils:453: error (13)\n" }));
+    EXPECT_EQ(listing(dest), "closed/ closed/deeper/ closed/deeper/file=me too closed/file=read me inner/ inner/frozen=ice "
+                             "inner/open=yes");
+    EXPECT_FALSE(isImmutable(dest + "/inner/frozen"));   // only the superuser may set the flag
+    EXPECT_EQ(modeOf(dest + "/closed") & 07777, 0555u);
+    EXPECT_EQ(statusOf(dest + "/closed/file").st_uid, nobody);   // the copy belongs to whoever made it
+    EXPECT_EQ(runDelete(dest, nobody).status, 0);
+    EXPECT_FALSE(exists(dest));
 }
 
 TEST_F(Unprivileged, SetUserIdIsDroppedWhenTheCopyChangesHands)
@@ -434,26 +322,18 @@ TEST_F(Unprivileged, SetUserIdIsDroppedWhenTheCopyChangesHands)
     writeFile(program, "#!/bin/sh\n", 06755);
     writeFile(shared, "#!/bin/sh\n");
     ASSERT_EQ(chown(shared.c_str(), nobody, nobody) | chmod(shared.c_str(), 02755), 0);
-    writeFile(volume / "frozen", "ice");
-    setImmutable(volume / "frozen");
 
     ASSERT_EQ(runCopy(program, work + "/program", 0, nobody).status, 0);
     EXPECT_EQ(modeOf(work + "/program") & 07777, 0755u);   // neither owner nor group is the source's
     ASSERT_EQ(runCopy(shared, work + "/shared", 0, nobody).status, 0);
     EXPECT_EQ(modeOf(work + "/shared") & 07777, 02755u);   // the user's own group: kept
-    // Only the superuser may set the immutable flag: an ordinary user's copy goes without it.
-    ASSERT_EQ(runCopy(volume / "frozen", work + "/frozen", 0, nobody).status, 0);
-    EXPECT_FALSE(isImmutable(work + "/frozen"));
 
-    // The superuser copying with the source's owner keeps set-user-id; with another owner not.
-    ASSERT_EQ(runCopy(program, volume / "kept").status, 0);
-    EXPECT_EQ(modeOf(volume / "kept") & 07777, 06755u);
+    // The superuser giving the copy another owner drops them too.
     const copy_file_options giveAway { COPY_FILE_OWNER | COPY_FILE_GROUP, nobody, nobody, nullptr, nullptr };
     ASSERT_TRUE(copy_file(program.c_str(), (volume / "given").c_str(), &giveAway));
-    struct stat status;
-    ASSERT_EQ(stat((volume / "given").c_str(), &status), 0);
-    EXPECT_TRUE(status.st_uid == nobody && status.st_gid == nobody);
-    EXPECT_EQ(status.st_mode & 07777, 0755u);
+    const struct stat given = statusOf(volume / "given");
+    EXPECT_TRUE(given.st_uid == nobody && given.st_gid == nobody);
+    EXPECT_EQ(given.st_mode & 07777, 0755u);
 }
 
 } // namespace

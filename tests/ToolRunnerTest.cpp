@@ -1,7 +1,5 @@
-// The tools of the file utilities: run_toolx and run_tool with the format walk that decides what
-// each element's format consumes; plist_from_file and its QVariant conversion (XML and binary
-// lists, nothing else); QZ::availableDataOrError on pipes, files and processes (data, end of
-// file, interrupted reads, real failures).
+// run_toolx, run_tool and its format walk; plist_from_file and its QVariant conversion;
+// QZ::availableDataOrError on pipes, files and processes.
 #include <QZApp/QZFileHandleExtensions.h>
 #include <QZApp/QZPropertyList.h>
 #include <QZApp/utils.h>
@@ -82,22 +80,15 @@ TEST(RunToolx, GivesTheExitStatusOrMinusOneAndAnEmptyEnvironment)
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-class PropertyList : public testing::Test
+TEST(PropertyList, ReadsXmlAndBinaryListsIntoTheSameQtValuesAndAnythingElseAsNull)
 {
-protected:
-    std::string write(const QByteArray &bytes)
-    {
+    QTemporaryDir folder;
+    int files = 0;
+    const auto write = [&](const QByteArray &bytes) {
         QFile file(folder.filePath(QString::number(++files)));
         EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
         return file.fileName().toStdString();
-    }
-
-    QTemporaryDir folder;
-    int files = 0;
-};
-
-TEST_F(PropertyList, ReadsXmlAndBinaryListsIntoTheSameQtValues)
-{
+    };
     const std::string xml = write(R"(<?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0"><dict>
   <key>name</key><string>Disk Tool ✓</string><key>count</key><integer>-5</integer>
@@ -120,14 +111,11 @@ TEST_F(PropertyList, ReadsXmlAndBinaryListsIntoTheSameQtValues)
     uint32_t length = 0;
     plist_to_bin(parsed, &binary, &length);
     ASSERT_NE(binary, nullptr);
-    const std::string path = write(QByteArray(binary, static_cast<qsizetype>(length)));
+    const std::string binaryList = write(QByteArray(binary, static_cast<qsizetype>(length)));
     std::free(binary);
     plist_free(parsed);
-    EXPECT_EQ(QZ::propertyListFromFile(QString::fromStdString(path)), expected);
-}
+    EXPECT_EQ(QZ::propertyListFromFile(QString::fromStdString(binaryList)), expected);
 
-TEST_F(PropertyList, AnythingElseIsNull)
-{
     for (const QByteArray &bytes : { QByteArray(R"({"json": true})"), QByteArray("not a list"), QByteArray(),
                                      QByteArray("<html><body/></html>"), QByteArray("bplist00 cut short"),
                                      // Binary lists the parser lets through but that cannot be read safely: a
@@ -142,13 +130,24 @@ TEST_F(PropertyList, AnythingElseIsNull)
     EXPECT_EQ(plist_from_file(folder.path().toUtf8().constData()), nullptr);   // a folder
 }
 
-TEST(AvailableData, ReadsWhatIsThereThenEmptyDataAtTheEndThenAnError)
+TEST(AvailableData, ReadsWhatIsThereAgainAfterASignalThenEmptyDataAtTheEndOrAnError)
 {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);   // no SA_RESTART: a read it interrupts fails with EINTR
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    ASSERT_EQ(write(ends[1], "first", 5), 5);
+    const pthread_t reader = pthread_self();
+    std::thread writer([&] {
+        usleep(100000);
+        pthread_kill(reader, SIGUSR1);
+        usleep(100000);
+        (void)!write(ends[1], "late", 4);
+    });
     QZ::ReadError error;
-    EXPECT_EQ(QZ::availableDataOrError(ends[0], &error), QByteArray("first"));
+    EXPECT_EQ(QZ::availableDataOrError(ends[0], &error), QByteArray("late"));
+    EXPECT_EQ(error.code, 0);
+    writer.join();
     close(ends[1]);
     const QByteArray end = QZ::availableDataOrError(ends[0], &error);
     EXPECT_TRUE(end.isEmpty() && !end.isNull());
@@ -169,32 +168,8 @@ TEST(AvailableData, ReadsWhatIsThereThenEmptyDataAtTheEndThenAnError)
     EXPECT_EQ(QZ::availableDataOrError(&file), content.mid(100));
     QFile closed;
     EXPECT_TRUE(QZ::availableDataOrError(&closed).isNull());
-}
 
-TEST(AvailableData, AReadInterruptedByASignalIsMadeAgain)
-{
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, nullptr);   // no SA_RESTART: the read fails with EINTR
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    const pthread_t reader = pthread_self();
-    std::thread writer([&] {
-        usleep(100000);
-        pthread_kill(reader, SIGUSR1);
-        usleep(100000);
-        (void)!write(ends[1], "late", 4);
-    });
-    QZ::ReadError error;
-    EXPECT_EQ(QZ::availableDataOrError(ends[0], &error), QByteArray("late"));
-    EXPECT_EQ(error.code, 0);
-    writer.join();
-    close(ends[0]);
-    close(ends[1]);
-}
-
-TEST(AvailableData, WaitsForAProcessAndSeesItsEnd)
-{
+    // A process: what it writes as it comes, then empty data at its end.
     QProcess process;
     process.start(QStringLiteral("/bin/sh"), { QStringLiteral("-c"), QStringLiteral("sleep 0.1; printf hello") });
     ASSERT_TRUE(process.waitForStarted());
@@ -203,8 +178,8 @@ TEST(AvailableData, WaitsForAProcessAndSeesItsEnd)
         all += QZ::availableDataOrError(&process);
     EXPECT_EQ(all, QByteArray("hello"));
     process.waitForFinished();
-    const QByteArray end = QZ::availableDataOrError(&process);
-    EXPECT_TRUE(end.isEmpty() && !end.isNull());
+    const QByteArray finished = QZ::availableDataOrError(&process);
+    EXPECT_TRUE(finished.isEmpty() && !finished.isNull());
 }
 
 } // namespace

@@ -1,6 +1,4 @@
-// Test entry point for tests that need the application class: a QZApplication on the main
-// thread, then every test. Without a platform chosen in the environment it is the offscreen
-// one, so the tests (and their listing at build time) need no display.
+// Test entry point with a QZApplication, offscreen unless the environment picks a platform.
 #include <gtest/gtest.h>
 
 #include <QZApp/QZApplication.h>
@@ -8,8 +6,7 @@
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    // Death tests re-run the binary instead of forking a process that may hold Qt's threads.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, "threadsafe");   // re-run the binary: Qt's threads are running
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QZApplication app(argc, argv);

@@ -1,4 +1,4 @@
-// Scratch folders and volumes for the file tests.
+// Scratch volumes and the file and process helpers of the file tests.
 #include "ScratchVolumes.h"
 
 #include <cerrno>
@@ -12,11 +12,8 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <grp.h>
-#include <linux/fs.h>
 #include <linux/magic.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -27,31 +24,7 @@
 namespace qztest {
 namespace {
 
-int inodeFlags(const std::string &path, int set = -1)
-{
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    int flags = -1;
-    if (fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && set >= 0 && ioctl(fd, FS_IOC_SETFLAGS, &set) < 0)
-        flags = -1;
-    if (fd >= 0)
-        close(fd);
-    return flags;
-}
-
-int clearFlags(const char *path, const struct stat *status, int, struct FTW *)
-{
-    if (S_ISREG(status->st_mode) || S_ISDIR(status->st_mode)) {
-        const int flags = inodeFlags(path);
-        if (flags > 0 && (flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)))
-            inodeFlags(path, flags & ~(FS_IMMUTABLE_FL | FS_APPEND_FL));
-    }
-    if (S_ISDIR(status->st_mode))
-        chmod(path, 0700);
-    return 0;
-}
-
-// Runs `child` in a forked process with both its output streams captured; its exit status is
-// the outcome's.
+// Runs `child` in a forked process, its output streams captured and its exit status the outcome's.
 Outcome forkAndWait(const std::function<void()> &child)
 {
     Outcome outcome;
@@ -68,21 +41,16 @@ Outcome forkAndWait(const std::function<void()> &child)
     }
     close(ends[1]);
     char buffer[4096];
-    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) != 0;)
-        if (got > 0)
-            outcome.output.append(buffer, static_cast<size_t>(got));
-        else if (errno != EINTR)
-            break;
+    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;)
+        outcome.output.append(buffer, static_cast<size_t>(got));
     close(ends[0]);
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    waitpid(pid, &status, 0);
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return outcome;
 }
 
-// Runs `operation` as `user` (the superuser: in this process); the status is its errno when it
-// fails.
+// Runs `operation` as `user` (the superuser: in this process); the status is its errno on failure.
 Outcome runAs(uid_t user, const std::function<bool()> &operation)
 {
     const auto status = [&] {
@@ -128,34 +96,15 @@ Outcome runDelete(const std::string &path, uid_t user)
     return runAs(user, [&] { return delete_file_object(path.c_str()) == 0; });
 }
 
-bool canMount()
-{
-    return geteuid() == 0 && std::getenv("QZ_TEST_NO_MOUNTS") == nullptr;
-}
-
-ScratchFolder::ScratchFolder()
-{
-    const char *tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qzfiles.XXXXXX";
-    if (!mkdtemp(pattern.data()))
-        ADD_FAILURE() << "mkdtemp " << pattern << ": " << std::strerror(errno);
-    m_path = pattern;
-    chmod(m_path.c_str(), 0755);
-}
-
-ScratchFolder::~ScratchFolder()
-{
-    nftw(m_path.c_str(), clearFlags, 16, FTW_PHYS);
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-}
-
 ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
 {
-    m_root = m_home / "mnt";
-    const std::string image = m_home / "image";
+    m_home = (std::filesystem::temp_directory_path() / "qzfiles.XXXXXX").string();
+    if (!mkdtemp(m_home.data()) || chmod(m_home.c_str(), 0755) < 0)
+        ADD_FAILURE() << "mkdtemp " << m_home << ": " << std::strerror(errno);
+    m_root = m_home + "/mnt";
+    const std::string image = m_home + "/image";
     struct statfs fs;
-    if (mkdir(m_root.c_str(), 0755) < 0 || statfs(m_home.path().c_str(), &fs) < 0)
+    if (mkdir(m_root.c_str(), 0755) < 0 || statfs(m_home.c_str(), &fs) < 0)
         return;
     if (kind == Ext4 && fs.f_type == EXT4_SUPER_MAGIC) {
         m_ok = true;   // already ext4: no image needed
@@ -167,8 +116,8 @@ ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
         m_ok = m_mounted = runProgram({ "mkfs.ext4", "-q", "-F", "-b", "4096", image, "256M" }).status == 0
                 && runProgram({ "mount", "-o", "loop", image, m_root }).status == 0;
     } else if (canMount() && runProgram({ "mkfs.vfat", "-C", image, std::to_string(bytes >> 10) }).status == 0) {
-        // The image goes on a loop device, which the FUSE driver serves (the kernel here has no
-        // FAT driver), in the foreground as a child that dies with this process.
+        // The FUSE driver serves the loop device (no kernel FAT driver needed) as a child that
+        // dies with this process.
         const Outcome attached = runProgram({ "losetup", "--find", "--show", image });
         m_loop = attached.status == 0 ? attached.output.substr(0, attached.output.find('\n')) : std::string();
         const pid_t parent = getpid();
@@ -201,6 +150,9 @@ ScratchVolume::~ScratchVolume()
     }
     if (!m_loop.empty())
         runProgram({ "losetup", "--detach", m_loop });
+    runProgram({ "chattr", "-R", "-i", "-a", m_home });   // flags that stop a removal
+    std::error_code ignored;
+    std::filesystem::remove_all(m_home, ignored);
 }
 
 void makeFolder(const std::string &path, mode_t mode)
@@ -227,22 +179,19 @@ void makeTree(const std::string &root, const std::map<std::string, std::string> 
 
 std::string listing(const std::string &root)
 {
-    // The walk's callback takes no context: it finds the listing here.
-    static thread_local std::set<std::string> *entries;
-    static thread_local size_t skip;
-    std::set<std::string> found;
-    entries = &found;
-    skip = root.size() + 1;
-    nftw(root.c_str(), [](const char *path, const struct stat *status, int, struct FTW *) {
-        const std::string name = std::strlen(path) < skip ? std::string() : path + skip;
-        if (S_ISLNK(status->st_mode))
-            entries->insert(name + "->" + std::filesystem::read_symlink(path).string());
-        else if (!name.empty())
-            entries->insert(name + (S_ISDIR(status->st_mode) ? "/" : S_ISREG(status->st_mode) ? "=" + readFile(path) : "*"));
-        return 0;
-    }, 16, FTW_PHYS);
+    std::set<std::string> entries;
+    std::error_code error;   // nothing there: an empty listing
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root, error)) {
+        const std::string name = entry.path().string().substr(root.size() + 1);
+        if (entry.is_symlink())
+            entries.insert(name + "->" + std::filesystem::read_symlink(entry).string());
+        else if (entry.is_regular_file())
+            entries.insert(name + "=" + readFile(entry.path()));
+        else
+            entries.insert(name + (entry.is_directory() ? "/" : "*"));
+    }
     std::string text;
-    for (const std::string &entry : found)
+    for (const std::string &entry : entries)
         text += (text.empty() ? "" : " ") + entry;
     return text;
 }
@@ -254,23 +203,22 @@ std::string readFile(const std::string &path)
     return out.str();
 }
 
-mode_t modeOf(const std::string &path)
+struct stat statusOf(const std::string &path)
 {
     struct stat status {};
     lstat(path.c_str(), &status);
-    return status.st_mode;
+    return status;
 }
 
 bool isImmutable(const std::string &path)
 {
-    const int flags = inodeFlags(path);
-    return flags > 0 && (flags & FS_IMMUTABLE_FL);
+    const Outcome flags = runProgram({ "lsattr", "-d", path });
+    return flags.status == 0 && flags.output.find('i') < flags.output.find(' ');
 }
 
 void setImmutable(const std::string &path)
 {
-    const int flags = inodeFlags(path);
-    ASSERT_TRUE(flags >= 0 && inodeFlags(path, flags | FS_IMMUTABLE_FL) >= 0) << path;
+    ASSERT_EQ(runProgram({ "chattr", "+i", path }).status, 0) << path;
 }
 
 } // namespace qztest

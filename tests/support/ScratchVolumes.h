@@ -1,56 +1,41 @@
-// Real file systems for the file tests: a scratch folder on ext4, a size-limited tmpfs and a FAT
-// image on a loop device, each removed again when it goes out of scope. The tests' main gives
-// every test process a mount namespace of its own, so a mount that a crash leaves behind goes
-// with the process.
+// Real file systems for the file tests: ext4, a size-limited tmpfs and a FAT image on a loop
+// device, each in a fresh folder removed with the volume (the main gives every test process its
+// own mount namespace, so a mount that a crash leaves behind goes with the process).
 #pragma once
 
 #include <QZApp/utils.h>
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace qztest {
 
-// What an operation gave: its status (0, else the errno of a failed copy or deletion, or a
-// program's exit status; -1 when killed) and its output (what the operation wrote to standard
-// error; both streams of a program).
+// What an operation gave: 0, the errno of a failed copy or deletion, or a program's exit status
+// (-1 when killed); and what it wrote to standard error (both streams of a program).
 struct Outcome {
     int status = -1;
     std::string output;
+    bool operator==(const Outcome &) const = default;
 };
+inline void PrintTo(const Outcome &outcome, std::ostream *out) { *out << outcome.status << " \"" << outcome.output << '"'; }
 
 // Runs a program (found along PATH) and waits for it.
 Outcome runProgram(const std::vector<std::string> &argv);
-// copy_file and delete_file_object, run as the superuser or, in a forked child, as `user` with
-// the group of the same number and no others.
+// copy_file and delete_file_object as the superuser or, in a forked child, as `user` (and group).
 Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags = 0, uid_t user = 0);
 Outcome runDelete(const std::string &path, uid_t user = 0);
 // True when the tests run as the superuser in a private mount namespace.
-bool canMount();
-
-// A fresh folder, deleted with everything in it (flags that stop a removal cleared) at the end.
-class ScratchFolder
-{
-public:
-    ScratchFolder();
-    ~ScratchFolder();
-    ScratchFolder(const ScratchFolder &) = delete;
-    ScratchFolder &operator=(const ScratchFolder &) = delete;
-    const std::string &path() const { return m_path; }
-    std::string operator/(const std::string &name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
+inline bool canMount() { return geteuid() == 0 && std::getenv("QZ_TEST_NO_MOUNTS") == nullptr; }
 
 // A mounted volume: ext4 (the temporary folder itself when it is ext4, an image of 256 MiB on a
-// loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`. Unmounted when the
-// object goes; check ok() after making one.
+// loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`. Check ok().
 class ScratchVolume
 {
 public:
@@ -64,8 +49,7 @@ public:
     std::string operator/(const std::string &name) const { return m_root + "/" + name; }
 
 private:
-    ScratchFolder m_home;
-    std::string m_root;
+    std::string m_home, m_root;
     pid_t m_fuse = -1;
     std::string m_loop;   // the FAT image's loop device
     bool m_mounted = false, m_ok = false;
@@ -74,14 +58,13 @@ private:
 // Makes a folder and those above it; the last one gets `mode`.
 void makeFolder(const std::string &path, mode_t mode = 0755);
 void writeFile(const std::string &path, const std::string &content, mode_t mode = 0644);
-// Makes folders (names ending in '/') and files (name = content) below `root`, with the folders
-// that hold them.
+// Makes folders (names ending in '/') and files (name = content) below `root`.
 void makeTree(const std::string &root, const std::map<std::string, std::string> &entries);
-// Everything below `root`, sorted, separated by blanks: "folder/", "file=content", "link->target",
-// "other*".
+// Everything below `root`, sorted: "folder/", "file=content", "link->target", "other*".
 std::string listing(const std::string &root);
 std::string readFile(const std::string &path);
-mode_t modeOf(const std::string &path);   // lstat's st_mode, 0 when there is nothing
+struct stat statusOf(const std::string &path);   // lstat's, all zero when there is nothing
+inline mode_t modeOf(const std::string &path) { return statusOf(path).st_mode; }
 inline bool exists(const std::string &path) { return modeOf(path) != 0; }
 bool isImmutable(const std::string &path);
 void setImmutable(const std::string &path);
