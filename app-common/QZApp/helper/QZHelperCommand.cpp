@@ -77,12 +77,6 @@ void QZHelperCommand::wakeStatusWaiters()
     m_status.notify_all();
 }
 
-void QZHelperCommand::sleepUntilStatus()
-{
-    while (m_status.load(std::memory_order_acquire) == NoReply)
-        m_status.wait(NoReply, std::memory_order_acquire);
-}
-
 qint32 QZHelperCommand::getStatus()
 {
     QZHelperTool::sharedInstance()->waitForCommandResponse(shared_from_this());

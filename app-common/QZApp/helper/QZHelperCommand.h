@@ -109,10 +109,9 @@ private:
 
     // The channel records a status under its lock with publishStatus() and wakes the waiters
     // with wakeStatusWaiters() once the lock is released, so that a woken caller does not run
-    // into the lock. sleepUntilStatus() sleeps until the status is no longer NoReply.
+    // into the lock.
     void publishStatus(qint32 status);
     void wakeStatusWaiters();
-    void sleepUntilStatus();
 
     const QString m_commandString;
     std::atomic<quint32> m_commandID { 0 };

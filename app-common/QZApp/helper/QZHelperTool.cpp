@@ -8,14 +8,14 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <climits>
-#include <initializer_list>
-#include <iterator>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -24,8 +24,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <pthread.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -885,7 +885,8 @@ void QZHelperTool::waitForCommandResponse(const std::shared_ptr<QZHelperCommand>
     if (command->commandID() == 0 || command->status() != QZHelperCommand::NoReply)
         return;   // never sent (there is no reply to wait for), or answered already
     d->waitingCallers.fetch_add(1, std::memory_order_relaxed);
-    command->sleepUntilStatus();
+    while (command->status() == QZHelperCommand::NoReply)
+        command->m_status.wait(QZHelperCommand::NoReply, std::memory_order_acquire);
     d->waitingCallers.fetch_sub(1, std::memory_order_relaxed);
 }
 
