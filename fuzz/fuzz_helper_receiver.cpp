@@ -4,7 +4,7 @@
 // descriptor; the end of the stream must complete them all.
 #include <QZApp/QZAssertionHandler.h>
 #include <QZApp/helper/QZHelperTool.h>
-#include <QZApp/helper/QZHelperTool_p.h>
+#include <QZApp/helper/QZHelperToolTesting.h>
 
 #include <QtMessageHandler>
 

@@ -92,35 +92,45 @@ TEST(HelperChannel, ReceiverReadsSplitDataAndLogsWhatMatchesNoCommand)
 // An offer comes with an FD line before the reply or with a reply of size -1; a descriptor is
 // handed over once, close-on-exec, and never asked for when none was offered. Descriptors
 // nobody asked for, and more than one in a message, are closed.
-TEST(HelperChannel, DescriptorsAreFetchedOnceAndOnlyWhenOffered)
+// An offer stands until the command's outcome changes it: every fetch asks the helper again,
+// and an abort after fetching still tells the helper to let go.
+TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
 {
     ConsoleCapture console;
     FakeHelper fake("read\nsendfd 1 /dev/null \\n\nsendfd 2 /dev/null \\n\nsend 1 FD\\n\nread\n"
                     "sendfd 1 " FAKE_HELPER_PATH " \\n\nsend 1 REPLY 0 0\\n\n"
-                    "read\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 /dev/null \\n\nread\nsend 3 REPLY 0 0\\n");
+                    "read\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 " FAKE_HELPER_PATH " \\n\n"
+                    "read\nsendfd 1 " FAKE_HELPER_PATH " \\n\nread\nread\nsend 3 REPLY 0 0\\n");
     const int before = qztest::openDescriptorCount();
+    const auto isHelperProgram = [](int fd) {
+        char magic[4] = {};
+        const bool matches = pread(fd, magic, sizeof magic, 0) == 4 && std::memcmp(magic, "\x7f" "ELF", 4) == 0;
+        close(fd);
+        return matches;
+    };
     const auto early = tool()->issueCommand(QStringLiteral("access early"));
     ASSERT_TRUE(early);
     const int fd = early->getFileDescriptor();   // waits for the offer
-    char magic[4] = {};
-    EXPECT_EQ(read(fd, magic, sizeof magic), 4);
-    EXPECT_EQ(std::memcmp(magic, "\x7f" "ELF", 4), 0);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    close(fd);
+    EXPECT_TRUE(isHelperProgram(fd));
     EXPECT_EQ(early->getStatus(), 0);
-    early->abort();   // replied and nothing held: only marked
+    early->abort();   // replied and nothing offered: only marked
     EXPECT_TRUE(early->aborted());
 
     const auto late = tool()->issueCommand(QStringLiteral("access late"));
     ASSERT_TRUE(late);
     EXPECT_EQ(late->getStatus(), 0);
-    EXPECT_EQ(close(late->getFileDescriptor()), 0);
-    EXPECT_EQ(late->getFileDescriptor(), -1);
+    EXPECT_TRUE(isHelperProgram(late->getFileDescriptor()));
+    EXPECT_TRUE(late->fileDescriptorAvailable());
+    EXPECT_TRUE(isHelperProgram(late->getFileDescriptor()));
+    late->abort();
+    late->abort();
     int none = 7;
     EXPECT_EQ(tool()->performCommand(QStringLiteral("no descriptor"), &none), 10002);
     EXPECT_EQ(none, -1);
     tool()->terminateHelper();
-    EXPECT_EQ(fake.requests(), QByteArray("1 access early\n1 GET_FD\n2 access late\n2 GET_FD\n3 no descriptor\n"));
+    EXPECT_EQ(fake.requests(), QByteArray("1 access early\n1 GET_FD\n2 access late\n2 GET_FD\n2 GET_FD\n2 ABORT\n"
+                                          "3 no descriptor\n"));
     EXPECT_EQ(qztest::openDescriptorCount(), before);
     EXPECT_EQ(console.lines(), (QStringList { QStringLiteral("Dumping file descriptor"), QStringLiteral("Discarding cmsg") }));
 }

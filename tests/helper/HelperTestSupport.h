@@ -5,7 +5,7 @@
 #include "support/TestSupport.h"
 
 #include <QZApp/helper/QZHelperTool.h>
-#include <QZApp/helper/QZHelperTool_p.h>
+#include <QZApp/helper/QZHelperToolTesting.h>
 
 #include <QDir>
 #include <QFile>

@@ -2,7 +2,7 @@
 // of them, also when the reply races with their going to sleep), and a receiver that lingers
 // for the next reply goes to sleep once callers stop.
 #include <QZApp/helper/QZHelperTool.h>
-#include <QZApp/helper/QZHelperTool_p.h>
+#include <QZApp/helper/QZHelperToolTesting.h>
 
 #include <gtest/gtest.h>
 

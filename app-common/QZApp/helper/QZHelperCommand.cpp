@@ -59,14 +59,6 @@ bool QZHelperCommand::retainedDelegate() const
     return m_retainedDelegateFlag;
 }
 
-void QZHelperCommand::setStatus(qint32 status)
-{
-    publishStatus(status);
-    wakeStatusWaiters();
-}
-
-// The channel stores a status under its lock and wakes the waiters once the lock is released,
-// so that a woken caller does not run into the lock.
 void QZHelperCommand::publishStatus(qint32 status)
 {
     m_status.store(status, std::memory_order_release);

@@ -63,22 +63,17 @@ public:
 
     // Identifier: 0 until issued, then never 0 again.
     quint32 commandID() const { return m_commandID.load(std::memory_order_relaxed); }
-    void setCommandID(quint32 commandID) { m_commandID.store(commandID, std::memory_order_relaxed); }
 
     // Status: NoReply until the reply, or the loss of the helper, is recorded.
     qint32 status() const { return m_status.load(std::memory_order_acquire); }   // does not wait
-    // Stores the status and wakes whoever waits for this command's reply.
-    void setStatus(qint32 status);
     // Waits for the reply (or the loss of the helper) through the shared QZHelperTool.
     qint32 getStatus();
 
     // Data that came back with the reply; null when there was none.
     QByteArray data() const;
-    void setData(const QByteArray &data);
 
     // The helper offers a descriptor for this command.
     bool fileDescriptorAvailable() const { return m_fileDescriptorAvailable.load(std::memory_order_relaxed); }
-    void setFileDescriptorAvailable(bool available) { m_fileDescriptorAvailable.store(available, std::memory_order_relaxed); }
     // Fetches the offered descriptor through the shared QZHelperTool: a descriptor the caller
     // owns, or -1.
     int getFileDescriptor();
@@ -86,7 +81,6 @@ public:
     // Asks the shared QZHelperTool to abort the command (sent at most once).
     void abort();
     bool aborted() const { return m_aborted.load(std::memory_order_relaxed); }
-    void setAborted(bool aborted) { m_aborted.store(aborted, std::memory_order_relaxed); }
 
     // Deliver progress on the main thread instead of the receiver thread.
     bool progressOnMainThread() const { return m_progressOnMainThread.load(std::memory_order_relaxed); }
@@ -107,9 +101,13 @@ private:
     friend class QZHelperToolPrivate;
     explicit QZHelperCommand(const QString &commandString);
 
-    // The channel records a status under its lock with publishStatus() and wakes the waiters
-    // with wakeStatusWaiters() once the lock is released, so that a woken caller does not run
-    // into the lock.
+    // The outcome, as the channel records it. It stores a status under its lock with
+    // publishStatus() and wakes the waiters with wakeStatusWaiters() once the lock is
+    // released, so that a woken caller does not run into the lock.
+    void setCommandID(quint32 commandID) { m_commandID.store(commandID, std::memory_order_relaxed); }
+    void setData(const QByteArray &data);
+    void setFileDescriptorAvailable(bool available) { m_fileDescriptorAvailable.store(available, std::memory_order_relaxed); }
+    void setAborted(bool aborted) { m_aborted.store(aborted, std::memory_order_relaxed); }
     void publishStatus(qint32 status);
     void wakeStatusWaiters();
 

@@ -66,8 +66,8 @@ public:
     // Blocks until the command has its final status (returns at once for a command never sent).
     void waitForCommandResponse(const std::shared_ptr<QZHelperCommand> &command);
     // Fetches the descriptor the helper offers for the command: the caller owns the result,
-    // or -1 when the command replied without one or the helper went away. A descriptor is
-    // handed over once.
+    // or -1 when the command replied without one or the helper went away. The offer stands:
+    // each call asks the helper again, and the helper sends a new descriptor for the same file.
     int getFileDescriptorForCommand(const std::shared_ptr<QZHelperCommand> &command);
     // Asks the helper once to abort the command (or to let go of the descriptor it offers)
     // and marks it aborted.
@@ -90,6 +90,5 @@ private:
     explicit QZHelperTool(SharedInstanceTag);
 
     friend class QZHelperToolPrivate;
-    friend class QZHelperToolTesting;
     std::unique_ptr<QZHelperToolPrivate> d;
 };

@@ -2,6 +2,7 @@
 #include "helper_command.h"
 
 #include "QZHelperTool.h"
+#include "QZHelperTool_p.h"
 #include "QZHelperToolCDelegate.h"
 
 #include <QZApp/QZStringExtensions.h>
@@ -55,7 +56,6 @@ int32_t perform_helper_command(helper_command *record)
     if (line.isNull() || (record->reply_data && !record->reply_length))
         return HELPER_STATUS_FAILED;
 
-    QZHelperTool *tool = QZHelperTool::sharedInstance();
     const std::shared_ptr<QZHelperCommand> command = QZHelperCommand::commandWithString(line);
     if (record->data_length != 0)
         command->setCommandData(QByteArray(static_cast<const char *>(record->data),
@@ -64,21 +64,15 @@ int32_t perform_helper_command(helper_command *record)
     const std::shared_ptr<QZHelperToolCDelegate> delegate =
             record->progress ? std::make_shared<QZHelperToolCDelegate>(record) : nullptr;
     command->setDelegate(delegate.get());
-    if (!tool->issue(command))
-        return HELPER_STATUS_FAILED;
 
-    tool->waitForCommandResponse(command);
-    int32_t status = command->status();
-    if (status == 0 && record->fd) {
-        const int fd = tool->getFileDescriptorForCommand(command);
-        *record->fd = fd;
-        status = fd < 0 ? HELPER_STATUS_FAILED : 0;
-    } else if (command->fileDescriptorAvailable()) {
-        tool->abortCommand(command);   // nobody will fetch it: let the helper close it
-    }
+    QByteArray data;
+    bool sent = false;
+    int32_t status = QZHelperToolPrivate::get(QZHelperTool::sharedInstance())
+                             ->perform(command, record->fd, record->reply_data ? &data : nullptr, &sent);
+    if (!sent)
+        return status;
 
     if (record->reply_data) {
-        const QByteArray data = command->data();
         *record->reply_length = static_cast<uint32_t>(data.size());
         void *copy = nullptr;
         if (*record->reply_length != 0) {
