@@ -6,6 +6,7 @@
 
 #include <QFile>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 using qztest::runQzutil;
@@ -122,6 +123,92 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     const qztest::ToolResult os = runQzutil({ QStringLiteral("version"), QStringLiteral("os") });
     EXPECT_TRUE(os.exitCode == 0 && os.out.startsWith("kernel: " + system(QStringLiteral("uname|-r")) + "version: 10.")) << os.out.toStdString();
     EXPECT_EQ(system(D("cat|%D/deep/inner/file")), "content");
+}
+
+// Help and the version go to standard output with status 0. Every command has a help text whose
+// usage line matches the one usage errors print and which explains each option it names.
+TEST(Qzutil, HelpExplainsEveryCommandAndOption)
+{
+    const qztest::ToolResult help = runQzutil({ QStringLiteral("--help") });
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.out.startsWith("usage: qzutil COMMAND") && help.err.isEmpty()) << help.out.toStdString();
+    for (const char *word : { "--version", "-v" }) {
+        const qztest::ToolResult version = runQzutil({ QString::fromLatin1(word) });
+        EXPECT_EQ(version.exitCode, 0);
+        const QRegularExpression line(QStringLiteral("^qzutil \\d+\\.\\d+\\.\\d+\n$"));
+        EXPECT_TRUE(line.match(QString::fromUtf8(version.out)).hasMatch()) << version.out.toStdString();
+    }
+    // The command list: the lines between "commands:" and the next blank line.
+    const QByteArray list = help.out.mid(help.out.indexOf("commands:\n") + 10);
+    QStringList names;
+    for (const QByteArray &line : list.left(list.indexOf("\n\n")).split('\n'))
+        names.append(QString::fromUtf8(line.trimmed().split(' ').front()));
+    EXPECT_GE(names.size(), 14);
+    for (const QString &name : names) {
+        SCOPED_TRACE(name.toStdString());
+        const qztest::ToolResult text = runQzutil({ name, QStringLiteral("--help") });
+        EXPECT_EQ(text.exitCode, 0);
+        const QByteArray usageLine = text.out.left(text.out.indexOf('\n') + 1);
+        // An unknown option is a usage error with the same usage line, except for commands of
+        // free text, which take it as their text.
+        const qztest::ToolResult error = runQzutil({ name, QStringLiteral("--no-such-option") });
+        if (text.out.contains("Every word is an operand")) {
+            EXPECT_EQ(error.exitCode, 0);
+            EXPECT_EQ(error.out, "--no-such-option\n");
+        } else {
+            EXPECT_EQ(error.exitCode, 2);
+            EXPECT_EQ(error.err, usageLine);
+        }
+        const QRegularExpression option(QStringLiteral("--[a-z-]+"));
+        for (const QRegularExpressionMatch &match : option.globalMatch(QString::fromUtf8(usageLine)))
+            EXPECT_TRUE(text.out.contains("\n  " + match.captured().toUtf8() + ' ')) << match.captured().toStdString();
+    }
+}
+
+// Options end at the first operand or "--": the words after it reach the command whatever they
+// start with; a command of free text takes every word. The helper gets the bytes of the argument
+// vector, so one that is not UTF-8 fails in perform_helper_command instead of being replaced.
+TEST(Qzutil, WordsAfterTheOptionsPassThrough)
+{
+    QTemporaryDir dir;
+    const QString d = dir.path();
+    write(d + QStringLiteral("/file"), "data");
+    const struct {
+        const char *arguments;   // separated by '|'; %D is the scratch folder
+        int status;
+        QByteArray out;
+        const char *err;         // how standard error starts
+    } rows[] = {
+        { "quote|-x|--|--help", 0, "-x -- --help\n", "" },
+        { "escape|--x y", 0, "--x\\ y\n", "" },
+        { "run|/bin/echo|-n|--help", 0, "--help0\n", "" },
+        { "run|--|-x", 1, "-1\n", "qzutil: cannot run -x, or it was ended by a signal\n" },
+        { "size|--base=10|--|2000", 0, "2 KB\n", "" },
+        { "base64|--|%D/file", 0, "ZGF0YQ==\n", "" },
+        { "helper|echo|-x", 1, "status 22\n", "qzutil: echo: Invalid argument (status 22)\n" },   // echo takes no argument
+        // An option after an operand is an operand, "-" included.
+        { "copy|%D/file|--recursive|%D/copy", 2, "", "usage: qzutil copy [--recursive] [--keep-going] [--owner UID] [--group GID] SOURCE DESTINATION\n" },
+        { "base64|-|--url", 2, "", "usage: qzutil base64 [--decode] [--url] [--mime] [--width N] [FILE]\n" },
+        { "encrypt|--cipher", 2, "", "usage: qzutil encrypt --cipher NAME|NUMBER" },
+    };
+    for (const auto &row : rows) {
+        const QString arguments = QString::fromUtf8(row.arguments).replace(QLatin1String("%D"), d);
+        SCOPED_TRACE(arguments.toStdString());
+        const qztest::ToolResult result = runQzutil(arguments.split(QLatin1Char('|')));
+        EXPECT_EQ(result.exitCode, row.status) << result.err.toStdString();
+        EXPECT_EQ(result.out, row.out);
+        EXPECT_TRUE(result.err.startsWith(row.err)) << result.err.toStdString();
+    }
+    EXPECT_FALSE(QFile::exists(d + QStringLiteral("/copy")));
+
+    // An argument that is not UTF-8, given through the shell, which passes bytes as they are.
+    QProcess process;
+    const QString script = QStringLiteral("exec \"$0\" helper echo \"$(printf '\\377')\"");
+    process.start(QStringLiteral("/bin/sh"), { QStringLiteral("-c"), script, QStringLiteral(QZUTIL_PATH) });
+    process.waitForFinished(60000);
+    EXPECT_EQ(process.exitCode(), 1);
+    EXPECT_EQ(process.readAllStandardOutput(), "status 10002\n");
+    EXPECT_EQ(process.readAllStandardError(), "qzutil: echo: the helper could not be reached (status 10002)\n");
 }
 
 } // namespace

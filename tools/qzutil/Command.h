@@ -1,25 +1,73 @@
-// The command table of qzutil: each command family registers its commands from its own unit.
+// The command table of qzutil: each command family registers its commands from its own unit,
+// with the options and operands that the shared parser (CommandLine.cpp) reads and explains.
 #pragma once
 
 #include <QByteArray>
+#include <QCommandLineParser>
 #include <QFile>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
 #include <optional>
+#include <vector>
 
 namespace qzutil {
 
 enum ExitStatus { Success = 0, Failure = 1, UsageError = 2 };
 
-struct Command {
-    const char *name;    // the first word after "qzutil"
-    const char *usage;   // what follows the name in the usage line
-    const char *summary; // one line for the command list
-    int (*run)(const QStringList &arguments);   // the words after the name
+// An option of a command, "--NAME" or, with a value name, "--NAME VALUE".
+struct Option {
+    const char *name;
+    const char *valueName;     // null for an option without a value
+    const char *description;   // for the help text; '\n' starts another line
 };
 
-// Adds a command to the table; used through QZUTIL_COMMAND.
+// An operand of a command, for the help text only.
+struct Operand {
+    const char *name;          // as written in the usage line
+    const char *description;
+};
+
+// A command's words once the parser has taken its options. Options are read up to the first
+// operand (or "--"): every word from there on is an operand, so `run sh -c` and
+// `helper WORD -x` hand "-c" and "-x" on unchanged.
+class Invocation
+{
+public:
+    Invocation(const QCommandLineParser &parser, QStringList operands, QList<QByteArray> operandBytes)
+        : m_parser(parser), m_operands(std::move(operands)), m_operandBytes(std::move(operandBytes))
+    {
+    }
+
+    bool isSet(const char *option) const { return m_parser.isSet(QLatin1String(option)); }
+    // The value given last, or a null string.
+    QString value(const char *option) const { return m_parser.value(QLatin1String(option)); }
+    // The operands as text (the system's encoding, UTF-8).
+    const QStringList &operands() const { return m_operands; }
+    // The same operands as the bytes of the process's argument vector, for commands that must
+    // pass on bytes that are not valid text.
+    const QList<QByteArray> &operandBytes() const { return m_operandBytes; }
+
+private:
+    const QCommandLineParser &m_parser;
+    QStringList m_operands;
+    QList<QByteArray> m_operandBytes;
+};
+
+struct Command {
+    const char *name;      // the first word after "qzutil"
+    const char *usage;     // what follows the name in the usage line
+    const char *summary;   // one line for the command list and the command's help
+    int (*run)(const Invocation &invocation);
+    std::vector<Option> options = {};
+    std::vector<Operand> operands = {};
+    // Every word is an operand, whatever it starts with; only a first word "-h" or "--help"
+    // asks for the help text. For commands whose operands are arbitrary text.
+    bool textOperands = false;
+};
+
+// Adds a command to the table; used through QZUTIL_COMMAND with designated initialisers.
 struct Registration {
     explicit Registration(const Command &command);
 };

@@ -6,28 +6,10 @@
 #include <QFile>
 
 #include <array>
+#include <utility>
 
 namespace qzutil {
 namespace {
-
-// The words of a command, taken one at a time: options, their values, one file operand.
-class Words
-{
-public:
-    explicit Words(const QStringList &words) : m_words(words) {}
-
-    // Takes the next word; false at the end.
-    bool next(QString *word) { return m_index < m_words.size() ? (*word = m_words[m_index++], true) : false; }
-
-private:
-    QStringList m_words;
-    qsizetype m_index = 0;
-};
-
-bool isOption(const QString &word)
-{
-    return word.startsWith(QLatin1String("--"));
-}
 
 // Fills `buffer` from `input` up to its size; the number of bytes read (fewer only at the end),
 // or -1 on a read error.
@@ -86,33 +68,25 @@ int encodeStream(QFile &input, const QString &name, QZ::Base64Alphabet alphabet,
     return Success;
 }
 
-int base64(const QStringList &arguments)
+// The input operand: at most one, standard input when there is none.
+std::optional<QString> inputPath(const Invocation &invocation)
 {
-    bool decode = false;
-    bool url = false;
-    bool mime = false;
+    const QStringList &operands = invocation.operands();
+    return operands.size() <= 1 ? std::optional<QString>(operands.value(0)) : std::nullopt;
+}
+
+int base64(const Invocation &invocation)
+{
+    const bool decode = invocation.isSet("decode");
+    const bool url = invocation.isSet("url");
+    const bool mime = invocation.isSet("mime");
     std::optional<quint64> width;
-    QString path;
-    bool havePath = false;
-    Words words(arguments);
-    for (QString word; words.next(&word);) {
-        if (word == QLatin1String("--decode")) {
-            decode = true;
-        } else if (word == QLatin1String("--url")) {
-            url = true;
-        } else if (word == QLatin1String("--mime")) {
-            mime = true;
-        } else if (word == QLatin1String("--width")) {
-            QString number;
-            if (!words.next(&number) || !(width = parseUnsigned(number)) || *width > 0xFFFFFFFFu)
-                return usage("base64");
-        } else if (!isOption(word) && !havePath) {
-            path = word;
-            havePath = true;
-        } else {
-            return usage("base64");
-        }
-    }
+    if (invocation.isSet("width") && (!(width = parseUnsigned(invocation.value("width"))) || *width > 0xFFFFFFFFu))
+        return usage("base64");
+    const std::optional<QString> operand = inputPath(invocation);
+    if (!operand)
+        return usage("base64");
+    const QString &path = *operand;
     // The decoder takes both alphabets and any line breaks: the layout options are for encoding.
     if (decode && (url || mime || width))
         return usage("base64");
@@ -163,62 +137,52 @@ std::optional<QByteArray> parseHex(const QString &text)
 }
 
 // encrypt and decrypt share their options; `name` is the command.
-int cipherCommand(const char *name, const QStringList &arguments)
+int cipherCommand(const char *name, const Invocation &invocation)
 {
-    std::optional<qint32> cipher;
-    qint32 mode = QZCipherModeDefault;
-    QVariantMap options;
-    QString path;
-    bool havePath = false;
-    Words words(arguments);
-    for (QString word; words.next(&word);) {
-        QString value;
-        const bool takesValue = word == QLatin1String("--cipher") || word == QLatin1String("--mode")
-                || word == QLatin1String("--key") || word == QLatin1String("--iv")
-                || word == QLatin1String("--key-count") || word == QLatin1String("--pem")
-                || word == QLatin1String("--rsa-mode") || word == QLatin1String("--binary-public-key");
-        if (takesValue && !words.next(&value))
-            return usage(name);
-        if (word == QLatin1String("--cipher")) {
-            if (!(cipher = parseChoice(value, kCipherNames)))
-                return usage(name);
-        } else if (word == QLatin1String("--mode")) {
-            const std::optional<qint32> chosen = parseChoice(value, kModeNames);
-            if (!chosen)
-                return usage(name);
-            mode = *chosen;
-        } else if (word == QLatin1String("--key") || word == QLatin1String("--iv")
-                   || word == QLatin1String("--binary-public-key")) {
-            const std::optional<QByteArray> bytes = parseHex(value);
-            if (!bytes)
-                return usage(name);
-            options.insert(word == QLatin1String("--key") ? QZCipherKeyKey
-                                   : word == QLatin1String("--iv") ? QZCipherInitializationVectorKey
-                                                                   : QZRSABinaryPublicKeyKey,
-                           *bytes);
-        } else if (word == QLatin1String("--key-count")) {
-            const std::optional<quint64> count = parseUnsigned(value);
-            if (!count || *count > 3)
-                return usage(name);
-            options.insert(QZ3DESKeyCountKey, static_cast<int>(*count));
-        } else if (word == QLatin1String("--pem")) {
-            QFile file(value);
-            if (!file.open(QIODevice::ReadOnly))
-                return fail(QStringLiteral("%1: %2").arg(value, file.errorString()));
-            options.insert(QZRSAPEMKeyKey, file.readAll());
-        } else if (word == QLatin1String("--rsa-mode")) {
-            if (value != QLatin1String("public") && value != QLatin1String("private"))
-                return usage(name);
-            options.insert(QZRSAModeKey, value == QLatin1String("public") ? QZRSAModePublic : QZRSAModePrivate);
-        } else if (!isOption(word) && !havePath) {
-            path = word;
-            havePath = true;
-        } else {
-            return usage(name);
-        }
-    }
+    const std::optional<qint32> cipher = parseChoice(invocation.value("cipher"), kCipherNames);
     if (!cipher)
         return usage(name);
+    qint32 mode = QZCipherModeDefault;
+    if (invocation.isSet("mode")) {
+        const std::optional<qint32> chosen = parseChoice(invocation.value("mode"), kModeNames);
+        if (!chosen)
+            return usage(name);
+        mode = *chosen;
+    }
+    QVariantMap options;
+    for (const auto &[option, key] : { std::pair { "key", &QZCipherKeyKey },
+                                       std::pair { "iv", &QZCipherInitializationVectorKey },
+                                       std::pair { "binary-public-key", &QZRSABinaryPublicKeyKey } }) {
+        if (!invocation.isSet(option))
+            continue;
+        const std::optional<QByteArray> bytes = parseHex(invocation.value(option));
+        if (!bytes)
+            return usage(name);
+        options.insert(*key, *bytes);
+    }
+    if (invocation.isSet("key-count")) {
+        const std::optional<quint64> count = parseUnsigned(invocation.value("key-count"));
+        if (!count || *count > 3)
+            return usage(name);
+        options.insert(QZ3DESKeyCountKey, static_cast<int>(*count));
+    }
+    if (invocation.isSet("rsa-mode")) {
+        const QString value = invocation.value("rsa-mode");
+        if (value != QLatin1String("public") && value != QLatin1String("private"))
+            return usage(name);
+        options.insert(QZRSAModeKey, value == QLatin1String("public") ? QZRSAModePublic : QZRSAModePrivate);
+    }
+    const std::optional<QString> operand = inputPath(invocation);
+    if (!operand)
+        return usage(name);
+    const QString &path = *operand;
+    if (invocation.isSet("pem")) {
+        const QString pem = invocation.value("pem");
+        QFile file(pem);
+        if (!file.open(QIODevice::ReadOnly))
+            return fail(QStringLiteral("%1: %2").arg(pem, file.errorString()));
+        options.insert(QZRSAPEMKeyKey, file.readAll());
+    }
 
     QString error;
     const std::optional<QByteArray> input = readInput(path, &error);
@@ -238,24 +202,49 @@ int cipherCommand(const char *name, const QStringList &arguments)
     return Success;
 }
 
-int encrypt(const QStringList &arguments)
+int encrypt(const Invocation &invocation)
 {
-    return cipherCommand("encrypt", arguments);
+    return cipherCommand("encrypt", invocation);
 }
 
-int decrypt(const QStringList &arguments)
+int decrypt(const Invocation &invocation)
 {
-    return cipherCommand("decrypt", arguments);
+    return cipherCommand("decrypt", invocation);
 }
 
 #define QZUTIL_CIPHER_USAGE                                                                         \
     "--cipher NAME|NUMBER [--mode NAME|NUMBER] [--key HEX] [--iv HEX] [--key-count 2] "            \
     "[--pem FILE --rsa-mode public|private] [--binary-public-key HEX] [FILE]"
 
-QZUTIL_COMMAND("base64", "[--decode] [--url] [--mime] [--width N] [FILE]",
-               "encode standard input or FILE as Base64, or decode it", base64);
-QZUTIL_COMMAND("encrypt", QZUTIL_CIPHER_USAGE, "encrypt standard input or FILE", encrypt);
-QZUTIL_COMMAND("decrypt", QZUTIL_CIPHER_USAGE, "decrypt standard input or FILE", decrypt);
+// The options and operand of encrypt and decrypt.
+const std::vector<Option> kCipherOptions = {
+    { "cipher", "NAME|NUMBER", "null des 3des desx rc4 rc2 blowfish cast5 rc5 rsa, or 0 to 9 (required)" },
+    { "mode", "NAME|NUMBER", "default cbc ecb cfb ofb, or 0 to 4: CBC and ECB pad to whole blocks,\n"
+                             "CFB and OFB keep the length; \"default\" is CBC" },
+    { "key", "HEX", "the key in hexadecimal: 8 bytes for des, 16 or 24 for 3des, 24 for desx,\n"
+                    "16 for the others; shorter keys are padded with zero bytes" },
+    { "iv", "HEX", "the initialisation vector in hexadecimal, padded with zero bytes" },
+    { "key-count", "2", "2 for two-key triple DES; any other number (up to 3) for three keys" },
+    { "pem", "FILE", "an RSA key in PEM form: public, or unencrypted private" },
+    { "rsa-mode", "public|private", "public: encrypt with the public key, decrypt by checking a signature;\n"
+                                    "private (the default): sign, decrypt with the private key" },
+    { "binary-public-key", "HEX", "an RSA public key without --pem: one exponent byte, then the modulus" },
+};
+const std::vector<Operand> kCipherOperands = { { "FILE", "the input; standard input when absent or \"-\"" } };
+
+QZUTIL_COMMAND(.name = "base64", .usage = "[--decode] [--url] [--mime] [--width N] [FILE]",
+               .summary = "encode standard input or FILE as Base64, or decode it", .run = base64,
+               .options = { { "decode", nullptr, "print the bytes of Base64 text in either alphabet, with any\n"
+                                                 "line breaks (takes none of the other options)" },
+                            { "url", nullptr, "encode with the URL-safe alphabet ('-' and '_')" },
+                            { "mime", nullptr, "lines of at most 70 characters ended by CR LF" },
+                            { "width", "N", "lines of at most N characters (whole groups of four; default 72;\n"
+                                            "below 4, a break before every group)" } },
+               .operands = { { "FILE", "the input; standard input when absent or \"-\"" } });
+QZUTIL_COMMAND(.name = "encrypt", .usage = QZUTIL_CIPHER_USAGE, .summary = "encrypt standard input or FILE",
+               .run = encrypt, .options = kCipherOptions, .operands = kCipherOperands);
+QZUTIL_COMMAND(.name = "decrypt", .usage = QZUTIL_CIPHER_USAGE, .summary = "decrypt standard input or FILE",
+               .run = decrypt, .options = kCipherOptions, .operands = kCipherOperands);
 
 } // namespace
 } // namespace qzutil

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 namespace qzutil {
@@ -24,34 +25,31 @@ QString systemError(int code)
     return QString::fromLocal8Bit(std::strerror(code));
 }
 
-int copy(const QStringList &arguments)
+// A user or group id for --owner and --group: up to 4294967294, as (uid_t)-1 means "unchanged".
+std::optional<uint32_t> parseId(const QString &text)
+{
+    const std::optional<quint64> id = parseUnsigned(text);
+    return id && *id <= 0xFFFFFFFEu ? std::optional<uint32_t>(static_cast<uint32_t>(*id)) : std::nullopt;
+}
+
+int copy(const Invocation &invocation)
 {
     copy_file_options options {};
-    QStringList paths;
-    for (qsizetype i = 0; i < arguments.size(); i++) {
-        const QString &word = arguments[i];
-        if (word == QLatin1String("--recursive")) {
-            options.flags |= COPY_FILE_RECURSIVE;
-        } else if (word == QLatin1String("--keep-going")) {
-            options.flags |= COPY_FILE_KEEP_GOING;
-        } else if (word == QLatin1String("--owner") || word == QLatin1String("--group")) {
-            const std::optional<quint64> id = i + 1 < arguments.size() ? parseUnsigned(arguments[i + 1]) : std::nullopt;
-            if (!id || *id > 0xFFFFFFFEu)
-                return usage("copy");
-            i++;
-            if (word == QLatin1String("--owner")) {
-                options.flags |= COPY_FILE_OWNER;
-                options.owner = static_cast<uint32_t>(*id);
-            } else {
-                options.flags |= COPY_FILE_GROUP;
-                options.group = static_cast<uint32_t>(*id);
-            }
-        } else if (word.startsWith(QLatin1String("--"))) {
+    if (invocation.isSet("recursive"))
+        options.flags |= COPY_FILE_RECURSIVE;
+    if (invocation.isSet("keep-going"))
+        options.flags |= COPY_FILE_KEEP_GOING;
+    for (const auto &[option, flag, id] : { std::tuple { "owner", COPY_FILE_OWNER, &options.owner },
+                                            std::tuple { "group", COPY_FILE_GROUP, &options.group } }) {
+        if (!invocation.isSet(option))
+            continue;
+        const std::optional<uint32_t> given = parseId(invocation.value(option));
+        if (!given)
             return usage("copy");
-        } else {
-            paths.append(word);
-        }
+        options.flags |= flag;
+        *id = *given;
     }
+    const QStringList &paths = invocation.operands();
     if (paths.size() != 2)
         return usage("copy");
     if (!copy_file(QFile::encodeName(paths[0]).constData(), QFile::encodeName(paths[1]).constData(), &options))
@@ -59,8 +57,9 @@ int copy(const QStringList &arguments)
     return Success;
 }
 
-int remove(const QStringList &arguments)
+int remove(const Invocation &invocation)
 {
+    const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("delete");
     if (delete_file_object(QFile::encodeName(arguments.front()).constData()) < 0)
@@ -68,8 +67,9 @@ int remove(const QStringList &arguments)
     return Success;
 }
 
-int run(const QStringList &arguments)
+int run(const Invocation &invocation)
 {
+    const QStringList &arguments = invocation.operands();
     if (arguments.isEmpty())
         return usage("run");
     std::vector<QByteArray> words;
@@ -121,8 +121,9 @@ QJsonValue jsonFrom(const QVariant &value)
     }
 }
 
-int plist(const QStringList &arguments)
+int plist(const Invocation &invocation)
 {
+    const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("plist");
     const QVariant list = QZ::propertyListFromFile(arguments.front());
@@ -138,11 +139,28 @@ int plist(const QStringList &arguments)
     return Success;
 }
 
-QZUTIL_COMMAND("copy", "[--recursive] [--keep-going] [--owner UID] [--group GID] SOURCE DESTINATION",
-               "copy a file or folder with all its metadata", copy);
-QZUTIL_COMMAND("delete", "PATH", "delete a file or folder and everything beneath it", remove);
-QZUTIL_COMMAND("run", "PROGRAM [ARG...]", "run a program (by path) and print its exit status", run);
-QZUTIL_COMMAND("plist", "FILE", "print a property list (XML or binary) as JSON", plist);
+QZUTIL_COMMAND(.name = "copy", .usage = "[--recursive] [--keep-going] [--owner UID] [--group GID] SOURCE DESTINATION",
+               .summary = "copy a file or folder with all its metadata", .run = copy,
+               .options = { { "recursive", nullptr, "copy a folder's entries too, and theirs (without it a folder\n"
+                                                    "is copied alone)" },
+                            { "keep-going", nullptr, "go on with the next entry when one entry of a folder fails" },
+                            { "owner", "UID", "give every copied object this user id (0 to 4294967294)" },
+                            { "group", "GID", "give every copied object this group id (0 to 4294967294)" } },
+               .operands = { { "SOURCE", "the object to copy; a final symbolic link is copied as a link" },
+                             { "DESTINATION", "the copy: a file there is overwritten, a folder merged into;\n"
+                                              "on failure it is deleted, unless the error is EEXIST" } });
+QZUTIL_COMMAND(.name = "delete", .usage = "PATH", .summary = "delete a file or folder and everything beneath it",
+               .run = remove,
+               .operands = { { "PATH", "the object to delete; immutable flags are cleared and owner write\n"
+                                       "permission added to folders on the way" } });
+QZUTIL_COMMAND(.name = "run", .usage = "PROGRAM [ARG...]", .summary = "run a program (by path) and print its exit status",
+               .run = run,
+               .operands = { { "PROGRAM", "the program's path (not searched for along PATH); it runs with an\n"
+                                          "empty environment" },
+                             { "ARG", "its arguments, handed on unchanged whatever they start with" } });
+QZUTIL_COMMAND(.name = "plist", .usage = "FILE", .summary = "print a property list (XML or binary) as JSON",
+               .run = plist,
+               .operands = { { "FILE", "the property list; data is printed as Base64, dates in ISO 8601 (UTC)" } });
 
 } // namespace
 } // namespace qzutil

@@ -22,24 +22,20 @@ QString statusText(qint32 status)
     return QString::fromLocal8Bit(std::strerror(status));
 }
 
-// Runs one command through perform_helper_command(): prints "status N", then any reply data.
-int helper(const QStringList &arguments)
+// Runs one command through perform_helper_command(): prints "status N", then any reply data. The
+// words go to the helper as the bytes of the argument vector, so one that is not UTF-8 reaches
+// perform_helper_command() as it is (and gets 10002 there).
+int helper(const Invocation &invocation)
 {
-    QStringList words = arguments;
-    if (words.size() >= 2 && words.front() == QLatin1String("--helper")) {
-        QZHelperTool::sharedInstance()->setHelperPath(words[1]);
-        words = words.mid(2);
-    }
-    if (words.isEmpty() || words.front().startsWith(QLatin1String("--")))
+    if (invocation.isSet("helper"))
+        QZHelperTool::sharedInstance()->setHelperPath(invocation.value("helper"));
+    const QList<QByteArray> &words = invocation.operandBytes();
+    if (words.isEmpty())
         return usage("helper");
 
-    std::vector<QByteArray> encoded;
     std::vector<const char *> argv;
-    for (const QString &word : words)
-        encoded.push_back(word.toUtf8());
-    for (const QByteArray &word : encoded)
+    for (const QByteArray &word : words)
         argv.push_back(word.constData());
-
     void *reply = nullptr;
     uint32_t replyLength = 0;
     helper_command command {};
@@ -53,13 +49,14 @@ int helper(const QStringList &arguments)
     writeOut(QByteArray(static_cast<const char *>(reply), static_cast<qsizetype>(replyLength)));
     std::free(reply);
     if (status != 0)
-        return fail(QStringLiteral("%1: %2 (status %3)").arg(words.front(), statusText(status)).arg(status));
+        return fail(QStringLiteral("%1: %2 (status %3)").arg(invocation.operands().front(), statusText(status)).arg(status));
     return Success;
 }
 
 // Opens a file with auth_open() (the helper steps in on EACCES) and copies it to standard output.
-int authCat(const QStringList &arguments)
+int authCat(const Invocation &invocation)
 {
+    const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("auth-cat");
     const QByteArray path = arguments.front().toLocal8Bit();
@@ -84,9 +81,15 @@ int authCat(const QStringList &arguments)
     return status;
 }
 
-QZUTIL_COMMAND("helper", "[--helper PATH] WORD [ARG...]",
-               "run a command through the privileged helper; print its status and reply data", helper);
-QZUTIL_COMMAND("auth-cat", "PATH", "print a file, opened through the helper if access is denied", authCat);
+QZUTIL_COMMAND(.name = "helper", .usage = "[--helper PATH] WORD [ARG...]",
+               .summary = "run a command through the privileged helper; print its status and reply data",
+               .run = helper,
+               .options = { { "helper", "PATH", "the helper program to start (by default \"qzutil Helper\" beside\n"
+                                                "qzutil)" } },
+               .operands = { { "WORD", "the helper's command word (echo, access, unlink, ...)" },
+                             { "ARG", "its arguments, handed on as they are, whatever they start with" } });
+QZUTIL_COMMAND(.name = "auth-cat", .usage = "PATH", .summary = "print a file, opened through the helper if access is denied",
+               .run = authCat, .operands = { { "PATH", "the file to print" } });
 
 } // namespace
 } // namespace qzutil

@@ -7,39 +7,40 @@ namespace qzutil {
 namespace {
 
 // Prints the line the argument-array constructor builds.
-int quote(const QStringList &arguments)
+int quote(const Invocation &invocation)
 {
-    printLine(QZ::stringWithArgumentArray(arguments));
+    printLine(QZ::stringWithArgumentArray(invocation.operands()));
     return Success;
 }
 
-int escape(const QStringList &arguments)
+int escape(const Invocation &invocation)
 {
+    const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("escape");
     printLine(QZ::stringByEscapingShellCharacters(arguments.front()));
     return Success;
 }
 
-int unescape(const QStringList &arguments)
+int unescape(const Invocation &invocation)
 {
+    const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("unescape");
     printLine(QZ::unescapedString(arguments.front()));
     return Success;
 }
 
-int size(const QStringList &arguments)
+int size(const Invocation &invocation)
 {
-    QStringList words = arguments;
     unsigned base = 1024;
-    if (words.size() == 3 && words.front() == QLatin1String("--base")) {
-        const std::optional<quint64> requested = parseUnsigned(words[1]);
+    if (invocation.isSet("base")) {
+        const std::optional<quint64> requested = parseUnsigned(invocation.value("base"));
         if (!requested || *requested > 0xFFFFFFFFu)
             return usage("size");
         base = static_cast<unsigned>(*requested);
-        words = words.mid(2);
     }
+    const QStringList &words = invocation.operands();
     if (words.size() != 1)
         return usage("size");
     const std::optional<quint64> bytes = parseUnsigned(words.front());
@@ -52,10 +53,24 @@ int size(const QStringList &arguments)
     return Success;
 }
 
-QZUTIL_COMMAND("quote", "ARG...", "print the command line that quotes the arguments", quote);
-QZUTIL_COMMAND("escape", "TEXT", "escape shell-special characters with backslashes", escape);
-QZUTIL_COMMAND("unescape", "TEXT", "undo backslash escaping", unescape);
-QZUTIL_COMMAND("size", "[--base N] BYTES", "print a byte count as a human-readable size", size);
+QZUTIL_COMMAND(.name = "quote", .usage = "ARG...", .summary = "print the command line that quotes the arguments",
+               .run = quote,
+               .operands = { { "ARG", "an argument, its shell-special characters escaped with backslashes;\n"
+                                     "an empty one is written \"\"" } },
+               .textOperands = true);
+QZUTIL_COMMAND(.name = "escape", .usage = "TEXT", .summary = "escape shell-special characters with backslashes",
+               .run = escape, .operands = { { "TEXT", "the text; | & ; < > ( ) $ ` \" ' blank tab line feed carriage return\n"
+                                                  "* ? [ # ~ = % and backslash get a backslash (tab, line feed and\n"
+                                                  "carriage return as \\t, \\n and \\r)" } }, .textOperands = true);
+QZUTIL_COMMAND(.name = "unescape", .usage = "TEXT", .summary = "undo backslash escaping", .run = unescape,
+               .operands = { { "TEXT", "the text; a backslash and a character become the character (\\t, \\n\n"
+                                   "and \\r a tab, line feed and carriage return), a final backslash stays" } },
+               .textOperands = true);
+QZUTIL_COMMAND(.name = "size", .usage = "[--base N] BYTES", .summary = "print a byte count as a human-readable size",
+               .run = size,
+               .options = { { "base", "N", "10 counts in units of 1000 (KB, MB, ...); any other number,\n"
+                                           "and the default, in units of 1024" } },
+               .operands = { { "BYTES", "the byte count, an unsigned decimal number" } });
 
 } // namespace
 } // namespace qzutil

@@ -53,8 +53,9 @@ int os()
     return Success;
 }
 
-int version(const QStringList &arguments)
+int version(const Invocation &invocation)
 {
+    const QStringList &arguments = invocation.operands();
     const QString verb = arguments.value(0);
     if (verb == QLatin1String("parse") && arguments.size() == 2)
         return parse(arguments[1]);
@@ -65,8 +66,12 @@ int version(const QStringList &arguments)
     return usage("version");
 }
 
-QZUTIL_COMMAND("version", "parse STRING | compare A B | os", "parse, compare and look up version numbers",
-               version);
+QZUTIL_COMMAND(.name = "version", .usage = "parse STRING | compare A B | os",
+               .summary = "parse, compare and look up version numbers", .run = version,
+               .operands = { { "parse STRING", "print the string value and every field of a version" },
+                             { "compare A B", "print -1, 0 or 1 as A orders before, with or after B" },
+                             { "os", "print the kernel release, the system version derived from it\n"
+                                     "and the distribution's version" } });
 
 } // namespace
 } // namespace qzutil

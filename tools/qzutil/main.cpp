@@ -2,44 +2,14 @@
 // benchmarking. Exit status 0 on success, 1 on failure (with a one-line reason), 2 on a usage
 // error (with a usage line).
 #include "Command.h"
+#include "CommandLine.h"
 
 #include <QCoreApplication>
 #include <QFile>
 
 #include <cstdio>
-#include <map>
-#include <string>
 
 namespace qzutil {
-namespace {
-
-std::map<std::string, Command> &commands()
-{
-    static std::map<std::string, Command> table;
-    return table;
-}
-
-int listCommands()
-{
-    std::fputs("usage: qzutil COMMAND [ARGUMENT...]\ncommands:\n", stderr);
-    for (const auto &[name, command] : commands())
-        std::fprintf(stderr, "  %-10s %s\n", name.c_str(), command.summary);
-    return UsageError;
-}
-
-} // namespace
-
-Registration::Registration(const Command &command)
-{
-    commands().emplace(command.name, command);
-}
-
-int usage(const char *name)
-{
-    const auto found = commands().find(name);
-    std::fprintf(stderr, "usage: qzutil %s %s\n", name, found == commands().end() ? "" : found->second.usage);
-    return UsageError;
-}
 
 int fail(const QString &reason)
 {
@@ -100,15 +70,11 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("qzutil"));
-    QStringList arguments = QCoreApplication::arguments();
-    arguments.removeFirst();
-    if (arguments.isEmpty())
-        return qzutil::listCommands();
-    const QString name = arguments.takeFirst();
-    const auto found = qzutil::commands().find(name.toStdString());
-    if (found == qzutil::commands().end())
-        return qzutil::listCommands();
-    const int status = found->second.run(arguments);
+    // The bytes of the argument vector as the application left it, one for one.
+    QList<QByteArray> words;
+    for (int i = 1; i < argc; i++)
+        words.append(QByteArray(argv[i]));
+    const int status = qzutil::runCommandLine(words);
     std::fflush(stdout);
     return status;
 }
