@@ -209,6 +209,15 @@ TEST(Qzutil, WordsAfterTheOptionsPassThrough)
     EXPECT_EQ(process.exitCode(), 1);
     EXPECT_EQ(process.readAllStandardOutput(), "status 10002\n");
     EXPECT_EQ(process.readAllStandardError(), "qzutil: echo: the helper could not be reached (status 10002)\n");
+
+    // File names are bytes: copy and delete act on the names given, not on a re-encoding.
+    const QString files = QStringLiteral("cd \"$1\" && mkdir \"$(printf 'a\\377')\" && \"$0\" copy --recursive "
+                                         "\"$(printf 'a\\377')\" \"$(printf 'b\\376')\" && \"$0\" delete \"$(printf 'a\\377')\" "
+                                         "&& ls");
+    process.start(QStringLiteral("/bin/sh"), { QStringLiteral("-c"), files, QStringLiteral(QZUTIL_PATH), d });
+    process.waitForFinished(60000);
+    EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
+    EXPECT_EQ(process.readAllStandardOutput(), "b\xfe\nfile\n");
 }
 
 } // namespace

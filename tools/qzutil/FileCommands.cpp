@@ -52,7 +52,8 @@ int copy(const Invocation &invocation)
     const QStringList &paths = invocation.operands();
     if (paths.size() != 2)
         return usage("copy");
-    if (!copy_file(QFile::encodeName(paths[0]).constData(), QFile::encodeName(paths[1]).constData(), &options))
+    const QList<QByteArray> &bytes = invocation.operandBytes();   // paths as given, even when not UTF-8
+    if (!copy_file(bytes[0].constData(), bytes[1].constData(), &options))
         return fail(QStringLiteral("cannot copy %1 to %2: %3").arg(paths[0], paths[1], systemError(errno)));
     return Success;
 }
@@ -62,7 +63,7 @@ int remove(const Invocation &invocation)
     const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("delete");
-    if (delete_file_object(QFile::encodeName(arguments.front()).constData()) < 0)
+    if (delete_file_object(invocation.operandBytes().front().constData()) < 0)
         return fail(QStringLiteral("cannot delete %1: %2").arg(arguments.front(), systemError(errno)));
     return Success;
 }
@@ -72,9 +73,7 @@ int run(const Invocation &invocation)
     const QStringList &arguments = invocation.operands();
     if (arguments.isEmpty())
         return usage("run");
-    std::vector<QByteArray> words;
-    for (const QString &argument : arguments)
-        words.push_back(QFile::encodeName(argument));
+    std::vector<QByteArray> words(invocation.operandBytes().begin(), invocation.operandBytes().end());
     std::vector<char *> argv;
     for (QByteArray &word : words)
         argv.push_back(word.data());

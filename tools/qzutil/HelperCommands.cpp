@@ -59,7 +59,7 @@ int authCat(const Invocation &invocation)
     const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("auth-cat");
-    const QByteArray path = arguments.front().toLocal8Bit();
+    const QByteArray path = invocation.operandBytes().front();
     const int fd = auth_open(path.constData(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return fail(QStringLiteral("%1: %2").arg(arguments.front(), statusText(errno)));
