@@ -1,5 +1,5 @@
-/* The client check; see client.h. */
-#include "client.h"
+/* The peer check; see peer_check.h. */
+#include "peer_check.h"
 
 #include <errno.h>
 #include <fcntl.h>
