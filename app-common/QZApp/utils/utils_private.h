@@ -16,8 +16,10 @@
 extern "C" {
 #endif
 
-/* The source unit named in the utilities' fatal assertion reports. */
+/* Report identifiers of the utilities' one fatal assertion, the buffer guard check: the source
+ * unit and line its report names. Fixed, never taken from __FILE__ or __LINE__. */
 #define UTILS_SOURCE_UNIT "app-common/QZApp/utils"
+#define UTILS_GUARD_CHECK_LINE 40
 
 /* "PATH: strerror(errno) (at utils:SITE)\n" on standard error; errno is preserved. SITE is one
  * of the UTILS_SITE_* report identifiers (report_sites.h). */
