@@ -18,7 +18,4 @@ struct helper_client {
  * with a one-line reason in `reason`. */
 int helper_accept_client(int socket, struct helper_client *client, char *reason, size_t size);
 
-/* The start time of process `pid` (field 22 of /proc/PID/stat), or 0 with errno set. */
-unsigned long long helper_process_start_time(pid_t pid);
-
 #endif /* QZHELPER_PEER_CHECK_H */
