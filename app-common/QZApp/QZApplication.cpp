@@ -1,6 +1,7 @@
 #include "QZApplication.h"
 
 #include "QZAssertionHandler.h"
+#include "QZAssertionReports_p.h"
 #include "QZMainThread.h"
 #include "QZMainThread_p.h"
 
@@ -8,17 +9,14 @@
 
 namespace {
 
-constexpr const char *kSourceUnit = "app-common/QZApp/QZApplication";
-
 // The application object, or nullptr after reporting that the safe perform needs a
 // QZApplication (a host handler that returns gets the call dropped).
 QZApplication *supportingApplication(const char *method, const void *target, int line)
 {
-    if (QZApplication *app = QZApplication::instance())
-        return app;
-    QZAssertionHandler::currentHandler()->handleFailureInMethod(
-            method, target, kSourceUnit, line, QStringLiteral("safelyPerformSelectorOnMainThread not supported"));
-    return nullptr;
+    QZApplication *app = QZApplication::instance();
+    QZ_CHECK(app, method, target, QZAssertionReport::Application::kUnit, line,
+             QStringLiteral("safelyPerformSelectorOnMainThread not supported"));
+    return app;
 }
 
 } // namespace
@@ -107,13 +105,15 @@ namespace QZ::detail {
 
 void safelyPerformOnMainThread(const void *target, std::function<void()> call)
 {
-    if (QZApplication *app = supportingApplication("QZ::safelyPerformSelectorOnMainThread", target, 20))
+    if (QZApplication *app = supportingApplication("QZ::safelyPerformSelectorOnMainThread", target,
+                                                   QZAssertionReport::Application::kSafePerformUnsupportedLine))
         app->safelyPerformSelectorOnMainThread(std::move(call));
 }
 
 void safelyPerformAfterDelay(const void *target, std::function<void()> call, double seconds)
 {
-    if (QZApplication *app = supportingApplication("QZ::safelyPerformSelector", target, 32))
+    if (QZApplication *app = supportingApplication("QZ::safelyPerformSelector", target,
+                                                   QZAssertionReport::Application::kDelayedPerformUnsupportedLine))
         app->safelyPerformSelector(std::move(call), seconds);
 }
 

@@ -60,10 +60,15 @@ public:
 [[noreturn]] QZAPP_EXPORT void QZFatalAssertion(const char *expression, const char *file,
                                                  unsigned line, const char *function);
 
-// Reports `description` through the current handler when `condition` is false; evaluates to
-// the condition so callers can give up: `if (!QZ_CHECK(...)) return;`.
-#define QZ_CHECK(condition, method, file, line, description)                                  \
+// Checks `condition` inside method `method` of `object` and, when it does not hold, reports the
+// failure through the calling thread's handler with the source unit `unit`, the line `line` and
+// `description` (a QString expression, evaluated only on failure). Evaluates to the condition,
+// so callers can give up: `if (!QZ_CHECK(...)) return;`.
+//
+// The unit and line are report identifiers, fixed for each check however the code moves: pass
+// named constants, never __FILE__ or __LINE__.
+#define QZ_CHECK(condition, method, object, unit, line, description)                          \
     ((condition) ? true                                                                       \
                  : (QZAssertionHandler::currentHandler()->handleFailureInMethod(              \
-                        (method), this, (file), (line), QStringLiteral(description)),         \
+                        (method), (object), (unit), (line), (description)),                   \
                     false))

@@ -1,13 +1,12 @@
 #include "QZCondition.h"
 
 #include "QZAssertionHandler.h"
+#include "QZAssertionReports_p.h"
 
 #include <cmath>
 #include <limits>
 
-namespace {
-constexpr const char *kSourceUnit = "app-common/QZApp/QZCondition";
-}
+namespace Report = QZAssertionReport::Condition;
 
 QZCondition::QZCondition()
 {
@@ -18,7 +17,8 @@ QZCondition::QZCondition()
 QZCondition::~QZCondition()
 {
     if (m_threadWithLock.load(std::memory_order_relaxed) != 0)
-        QZFatalAssertion("!thread_with_lock", kSourceUnit, 28, "QZCondition::~QZCondition()");
+        QZFatalAssertion("!thread_with_lock", Report::kUnit, Report::kDestroyedWhileHeldLine,
+                         "QZCondition::~QZCondition()");
     pthread_mutex_destroy(&m_mutex);
     pthread_cond_destroy(&m_condition);
 }
@@ -33,11 +33,12 @@ bool QZCondition::callerHoldsLock() const
 
 void QZCondition::lock()
 {
-    if (!QZ_CHECK(!callerHoldsLock(), "QZCondition::lock", kSourceUnit, 41, "Dead lock!"))
+    if (!QZ_CHECK(!callerHoldsLock(), "QZCondition::lock", this, Report::kUnit, Report::kLockDeadLockLine,
+                  QStringLiteral("Dead lock!")))
         return;
     pthread_mutex_lock(&m_mutex);
-    if (!QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::lock",
-                  kSourceUnit, 47, "Already locked!")) {
+    if (!QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::lock", this, Report::kUnit,
+                  Report::kLockAlreadyLockedLine, QStringLiteral("Already locked!"))) {
         pthread_mutex_unlock(&m_mutex);
         return;
     }
@@ -46,12 +47,13 @@ void QZCondition::lock()
 
 bool QZCondition::tryLock()
 {
-    if (!QZ_CHECK(!callerHoldsLock(), "QZCondition::tryLock", kSourceUnit, 56, "Dead lock!"))
+    if (!QZ_CHECK(!callerHoldsLock(), "QZCondition::tryLock", this, Report::kUnit, Report::kTryLockDeadLockLine,
+                  QStringLiteral("Dead lock!")))
         return false;
     if (pthread_mutex_trylock(&m_mutex) != 0)
         return false;
-    if (!QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::tryLock",
-                  kSourceUnit, 63, "Already locked!")) {
+    if (!QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::tryLock", this, Report::kUnit,
+                  Report::kTryLockAlreadyLockedLine, QStringLiteral("Already locked!"))) {
         pthread_mutex_unlock(&m_mutex);
         return false;
     }
@@ -61,7 +63,8 @@ bool QZCondition::tryLock()
 
 void QZCondition::unlock()
 {
-    if (!QZ_CHECK(callerHoldsLock(), "QZCondition::unlock", kSourceUnit, 74, "Not locked!"))
+    if (!QZ_CHECK(callerHoldsLock(), "QZCondition::unlock", this, Report::kUnit, Report::kUnlockNotLockedLine,
+                  QStringLiteral("Not locked!")))
         return;
     m_threadWithLock.store(0, std::memory_order_relaxed);
     pthread_mutex_unlock(&m_mutex);
@@ -69,23 +72,26 @@ void QZCondition::unlock()
 
 void QZCondition::wait()
 {
-    if (!QZ_CHECK(callerHoldsLock(), "QZCondition::wait", kSourceUnit, 85, "Not locked!"))
+    if (!QZ_CHECK(callerHoldsLock(), "QZCondition::wait", this, Report::kUnit, Report::kWaitNotLockedLine,
+                  QStringLiteral("Not locked!")))
         return;
     m_threadWithLock.store(0, std::memory_order_relaxed);
     pthread_cond_wait(&m_condition, &m_mutex);
-    QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::wait", kSourceUnit,
-             92, "Already locked!");
+    QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::wait", this, Report::kUnit,
+             Report::kWaitAlreadyLockedLine, QStringLiteral("Already locked!"));
     m_threadWithLock.store(pthread_self(), std::memory_order_relaxed);
 }
 
 bool QZCondition::waitUntilDate(const QDateTime &date)
 {
-    if (!QZ_CHECK(callerHoldsLock(), "QZCondition::waitUntilDate", kSourceUnit, 101, "Not locked!"))
+    if (!QZ_CHECK(callerHoldsLock(), "QZCondition::waitUntilDate", this, Report::kUnit,
+                  Report::kWaitUntilDateNotLockedLine, QStringLiteral("Not locked!")))
         return false;
     m_threadWithLock.store(0, std::memory_order_relaxed);
 
-    // The deadline is built field for field as the channel always built it: the truncated
-    // fraction in the seconds field and the whole seconds, in nanoseconds, in the other.
+    // The fields are crossed on purpose (see the header): the truncated fraction goes in the
+    // seconds field and the whole seconds, in nanoseconds, in the other, so the system rejects
+    // the deadline and the call returns at once.
     const double t = date.toMSecsSinceEpoch() / 1000.0;
     double whole = 0;
     const double fraction = std::modf(t, &whole);
@@ -97,8 +103,8 @@ bool QZCondition::waitUntilDate(const QDateTime &date)
             ? static_cast<long>(nanoseconds) : std::numeric_limits<long>::max();
     const bool signalled = pthread_cond_timedwait(&m_condition, &m_mutex, &deadline) == 0;
 
-    QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::waitUntilDate",
-             kSourceUnit, 119, "Already locked!");
+    QZ_CHECK(m_threadWithLock.load(std::memory_order_relaxed) == 0, "QZCondition::waitUntilDate", this,
+             Report::kUnit, Report::kWaitUntilDateAlreadyLockedLine, QStringLiteral("Already locked!"));
     m_threadWithLock.store(pthread_self(), std::memory_order_relaxed);
     return signalled;
 }

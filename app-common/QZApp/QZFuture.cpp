@@ -1,13 +1,10 @@
 #include "QZFuture.h"
 
 #include "QZAssertionHandler.h"
+#include "QZAssertionReports_p.h"
 #include "QZWakeWord_p.h"
 
 #include <algorithm>
-
-namespace {
-constexpr const char *kSourceUnit = "app-common/QZApp/QZFuture";
-}
 
 QZFutureDelegate::~QZFutureDelegate() = default;
 
@@ -119,9 +116,9 @@ bool QZValueFuture::publish(const QVariant &value)
 
 void QZValueFuture::setValue(const QVariant &value)
 {
-    if (!publish(value))
-        QZAssertionHandler::currentHandler()->handleFailureInMethod(
-                "QZValueFuture::setValue", this, kSourceUnit, 160, QStringLiteral("Cannot set futures twice!"));
+    namespace Report = QZAssertionReport::Future;
+    QZ_CHECK(publish(value), "QZValueFuture::setValue", this, Report::kUnit, Report::kSetTwiceLine,
+             QStringLiteral("Cannot set futures twice!"));
 }
 
 void QZValueFuture::takeValueFrom(const std::shared_ptr<QZValueFuture> &other)

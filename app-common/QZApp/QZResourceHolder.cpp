@@ -1,6 +1,7 @@
 #include "QZResourceHolder.h"
 
 #include "QZAssertionHandler.h"
+#include "QZAssertionReports_p.h"
 
 #include <QMetaObject>
 
@@ -50,11 +51,10 @@ void QZResourceHolder::releaseResource()
 void QZResourceHolder::releaseQObject(QObject *resource)
 {
     std::unique_ptr<QObject> object(resource);
-    if (!QMetaObject::invokeMethod(object.get(), m_qobjectMethod.constData(), Qt::DirectConnection)) {
-        QZAssertionHandler::currentHandler()->handleFailureInMethod(
-                "QZResourceHolder::releaseResource", this, "app-common/QZApp/QZResourceHolder", __LINE__,
-                QStringLiteral("unrecognized method %1 sent to an instance of %2")
-                        .arg(QString::fromLatin1(m_qobjectMethod),
-                             QString::fromLatin1(object->metaObject()->className())));
-    }
+    namespace Report = QZAssertionReport::ResourceHolder;
+    QZ_CHECK(QMetaObject::invokeMethod(object.get(), m_qobjectMethod.constData(), Qt::DirectConnection),
+             "QZResourceHolder::releaseResource", this, Report::kUnit, Report::kUnrecognizedMethodLine,
+             QStringLiteral("unrecognized method %1 sent to an instance of %2")
+                     .arg(QString::fromLatin1(m_qobjectMethod),
+                          QString::fromLatin1(object->metaObject()->className())));
 }

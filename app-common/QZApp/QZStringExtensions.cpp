@@ -1,6 +1,7 @@
 #include "QZStringExtensions.h"
 
 #include "QZLocalizedString.h"
+#include "helper/helper_protocol.h"
 
 #include <QLocale>
 
@@ -90,13 +91,14 @@ QString stringWithArgumentArray(const QStringList &arguments)
 
 QStringView shellSpecialCharacters()
 {
-    static const QString set = QStringLiteral("|&;<>()$`\"' \t\n\r*?[#~=%\\");
+    static const QString set = QStringLiteral(HELPER_SHELL_SPECIAL);
     return set;
 }
 
 QByteArray defaultEscapeMap()
 {
-    return QByteArray("\r\n\t\0rnt", 7);
+    static constexpr char map[] = HELPER_ESCAPED_CONTROLS "\0" HELPER_ESCAPE_LETTERS;
+    return QByteArray(map, sizeof(map) - 1);
 }
 
 QString stringByEscapingShellCharacters(const QString &string)

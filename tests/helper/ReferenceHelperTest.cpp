@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 
 using qztest::kNobody;
@@ -219,6 +220,31 @@ TEST(ReferenceHelper, RefusesOtherClientsAndToRunSetUserId)
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(run.errors.startsWith("qzhelper: will not run set-user-id or set-group-id (real user 65534, "
                                       "effective user 0)")) << run.errors.toStdString();
+}
+
+// The library and the helper read a start time alike, also behind a command name with blanks
+// and parentheses; a process that is gone has none.
+TEST(ReferenceHelper, ServesAClientWhoseNameHoldsBlanksAndParentheses)
+{
+    char name[16] = {};
+    ASSERT_EQ(prctl(PR_GET_NAME, name), 0);
+    const quint64 started = QZAuthorization::processStartTime(getpid());
+    ASSERT_EQ(prctl(PR_SET_NAME, "a) 1 2 (b) c"), 0);
+    const auto authorization = QZAuthorization::create();
+    const HelperRun run = authorization ? runHelper(QZHELPER_PATH, authorization->externalForm() + "1 echo\n") : HelperRun {};
+    prctl(PR_SET_NAME, name);
+    ASSERT_NE(authorization, nullptr);
+    EXPECT_EQ(authorization->startTime(), started);
+    EXPECT_EQ(run.output, "1 REPLY 0 0\n");
+    EXPECT_EQ(run.errors, QByteArray());
+
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    errno = 0;
+    EXPECT_EQ(QZAuthorization::processStartTime(child), 0u);
+    EXPECT_EQ(errno, ESRCH);
 }
 
 // qzutil helper and qzutil auth-cat as whole processes, with the helper beside qzutil.

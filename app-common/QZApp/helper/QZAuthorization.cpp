@@ -1,10 +1,8 @@
 #include "QZAuthorization.h"
 
-#include <QFile>
+#include "process_start_time.h"
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -52,25 +50,5 @@ QByteArray QZAuthorization::externalForm() const
 
 quint64 QZAuthorization::processStartTime(pid_t pid)
 {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
-        errno = ESRCH;
-        return 0;
-    }
-    const QByteArray text = stat.readAll();
-    // The command name (field 2) may hold blanks and parentheses: count from the last ')'.
-    const qsizetype close = text.lastIndexOf(')');
-    if (close < 0) {
-        errno = EINVAL;
-        return 0;
-    }
-    const QList<QByteArray> fields = text.mid(close + 2).split(' ');
-    // fields[0] is field 3 (the state), so field 22 is fields[19].
-    bool ok = false;
-    const quint64 startTime = fields.size() > 19 ? fields[19].toULongLong(&ok) : 0;
-    if (!ok || startTime == 0) {
-        errno = EINVAL;
-        return 0;
-    }
-    return startTime;
+    return helper_process_start_time(pid);
 }

@@ -22,6 +22,15 @@
 /* The longest line a helper may send, newline included. */
 #define HELPER_MAX_LINE 4095
 
+/* The quoting of a request line's command. The client joins the arguments with single blanks;
+ * in each argument every character of HELPER_SHELL_SPECIAL gets a backslash, and after it a
+ * character of HELPER_ESCAPED_CONTROLS is written as the letter at the same position of
+ * HELPER_ESCAPE_LETTERS (carriage return, line feed and tab as r, n and t). An empty argument
+ * is written as "". The library's shell quoting (QZStringExtensions.h) uses the same alphabet. */
+#define HELPER_SHELL_SPECIAL "|&;<>()$`\"' \t\n\r*?[#~=%\\"
+#define HELPER_ESCAPED_CONTROLS "\r\n\t"
+#define HELPER_ESCAPE_LETTERS "rnt"
+
 /* The authorization block the client sends first: who the client is, so that the helper can
  * compare it with the socket peer's credentials (SO_PEERCRED) and the peer's start time, plus
  * random bytes that make each block unique. Native byte order; the two ends run on one host. */

@@ -16,7 +16,7 @@ bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int
     const uint32_t from_common = from ? from->common : 0;   /* the next lookup may overwrite it */
     const struct volume_capabilities *to = from ? utils_volume_capabilities(destination, destination_device) : NULL;
     if (!to) {
-        utils_report_error(538);
+        utils_report_error(UTILS_SITE_CAPABILITIES);
         return false;
     }
     const uint32_t carried = from_common & to->common & UTILS_ATTR_CARRIED;
@@ -26,7 +26,7 @@ bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int
     const int got = pair->source_fd >= 0 ? statx(pair->source_fd, "", AT_EMPTY_PATH, wanted, &status)
                                           : statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, wanted, &status);
     if (got < 0) {
-        utils_report_path(source, 551);
+        utils_report_path(source, UTILS_SITE_ATTRIBUTES_READ);
         return false;
     }
     /* Everything carried must have been read. */
@@ -34,7 +34,7 @@ bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int
         || ((carried & UTILS_ATTR_ACCESSMASK) && (status.stx_mask & (STATX_MODE | STATX_UID | STATX_GID))
                                                          != (STATX_MODE | STATX_UID | STATX_GID))) {
         errno = EINVAL;
-        utils_report_path(source, 582);
+        utils_report_path(source, UTILS_SITE_ATTRIBUTES_LENGTH);
         return false;
     }
 
@@ -45,7 +45,7 @@ bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int
             { .tv_sec = status.stx_mtime.tv_sec, .tv_nsec = status.stx_mtime.tv_nsec },
         };
         if ((fd >= 0 ? futimens(fd, times) : utimensat(AT_FDCWD, destination, times, AT_SYMLINK_NOFOLLOW)) < 0) {
-            utils_report_path(destination, 587);
+            utils_report_path(destination, UTILS_SITE_ATTRIBUTES_WRITE);
             return false;
         }
     }
@@ -56,7 +56,7 @@ bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int
         if (applied_group != status.stx_gid)
             mode &= ~(mode_t)S_ISGID;
         if ((fd >= 0 ? fchmod(fd, mode) : fchmodat(AT_FDCWD, destination, mode, 0)) < 0) {
-            utils_report_path(destination, 587);
+            utils_report_path(destination, UTILS_SITE_ATTRIBUTES_WRITE);
             return false;
         }
     }
@@ -64,7 +64,7 @@ bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int
      * every change after it. */
     if ((carried & UTILS_ATTR_FLAGS) && (status.stx_attributes & STATX_ATTR_IMMUTABLE) && superuser
         && (S_ISREG(status.stx_mode) || S_ISDIR(status.stx_mode)) && utils_set_immutable(destination, fd) < 0) {
-        utils_report_path(destination, 587);
+        utils_report_path(destination, UTILS_SITE_ATTRIBUTES_WRITE);
         return false;
     }
     return true;

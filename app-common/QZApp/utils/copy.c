@@ -63,7 +63,7 @@ static bool copy_link(const char *source, const char *destination)
     ssize_t length;
     for (;;) {
         if (!text) {
-            utils_report_path(source, 421);
+            utils_report_path(source, UTILS_SITE_COPY_READ_LINK);
             return false;
         }
         length = readlink(source, text, room - 1);
@@ -81,7 +81,7 @@ static bool copy_link(const char *source, const char *destination)
         text = grown;
     }
     if (length < 0) {
-        utils_report_path(source, 421);
+        utils_report_path(source, UTILS_SITE_COPY_READ_LINK);
         free(text);
         return false;
     }
@@ -90,7 +90,7 @@ static bool copy_link(const char *source, const char *destination)
     if (result < 0 && errno == EEXIST && delete_file_object(destination) == 0)
         result = symlink(text, destination);
     if (result < 0)
-        utils_report_path(destination, 428);
+        utils_report_path(destination, UTILS_SITE_COPY_MAKE_LINK);
     const int saved = errno;
     free(text);
     errno = saved;
@@ -104,12 +104,12 @@ static bool make_folder(const char *destination, bool superuser, int32_t *device
 {
     if (mkdir(destination, 0700) < 0) {
         if (errno != EEXIST) {
-            utils_report_path(destination, 346);
+            utils_report_path(destination, UTILS_SITE_COPY_MAKE_FOLDER);
             return false;
         }
         struct statx existing;
         if (statx(AT_FDCWD, destination, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_MODE, &existing) < 0) {
-            utils_report_path(destination, 351);
+            utils_report_path(destination, UTILS_SITE_COPY_EXISTING_FOLDER);
             return false;
         }
         if (S_ISDIR(existing.stx_mode)) {
@@ -118,13 +118,13 @@ static bool make_folder(const char *destination, bool superuser, int32_t *device
             if (!superuser && !(existing.stx_mode & S_IWUSR))
                 (void)chmod(destination, (existing.stx_mode & 07777) | S_IWUSR);
         } else if (unlink(destination) < 0 || mkdir(destination, 0700) < 0) {
-            utils_report_path(destination, 359);
+            utils_report_path(destination, UTILS_SITE_COPY_REPLACE_BY_FOLDER);
             return false;
         }
     }
     struct stat folder;
     if (stat(destination, &folder) < 0) {
-        utils_report_path(destination, 364);
+        utils_report_path(destination, UTILS_SITE_COPY_FOLDER_STATUS);
         return false;
     }
     *device = utils_device_number(folder.st_dev);
@@ -140,28 +140,28 @@ static bool copy_entries(const struct copy_context *context, const char *source,
     char *source_path = NULL, *destination_path = NULL;
     DIR *folder = opendir(source);
     if (!folder) {
-        utils_report_path(source, 371);
+        utils_report_path(source, UTILS_SITE_COPY_OPEN_FOLDER);
         return false;
     }
     source_path = malloc(UTILS_PATH_ROOM);
     if (!source_path) {
-        utils_report_error(376);
+        utils_report_error(UTILS_SITE_COPY_SOURCE_BUFFER);
         goto out;
     }
     destination_path = malloc(UTILS_PATH_ROOM);
     if (!destination_path) {
-        utils_report_error(379);
+        utils_report_error(UTILS_SITE_COPY_DESTINATION_BUFFER);
         goto out;
     }
     const size_t source_base = utils_path_start(source_path, source);
     const size_t destination_base = utils_path_start(destination_path, destination);
     const struct dirent *entry;
-    while ((entry = utils_next_entry(folder, source, 395))) {
+    while ((entry = utils_next_entry(folder, source, UTILS_SITE_COPY_READ_ENTRY))) {
         utils_path_put_name(source_path, source_base, entry->d_name);
         utils_path_put_name(destination_path, destination_base, entry->d_name);
         if (!copy_object(context, source_path, destination_path, device, entry->d_type)
             && !(context->options->flags & COPY_FILE_KEEP_GOING)) {
-            utils_report_error(410);
+            utils_report_error(UTILS_SITE_COPY_ENTRY);
             goto out;
         }
     }
@@ -183,7 +183,7 @@ static bool close_pair(struct copy_pair *pair, bool ok)
 {
     int saved = errno;
     if (pair->destination_fd >= 0 && close(pair->destination_fd) < 0 && ok) {
-        utils_report_path(pair->destination, 703);
+        utils_report_path(pair->destination, UTILS_SITE_DATA_WRITE);
         ok = false;
         saved = errno;
     }
@@ -219,7 +219,7 @@ static bool copy_object(const struct copy_context *context, const char *source, 
     struct statx status;
     const int source_fd = type_hint == DT_REG ? open_listed_file(source, &status) : -1;
     if (source_fd < 0 && statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) < 0) {
-        utils_report_path(source, 309);
+        utils_report_path(source, UTILS_SITE_COPY_SOURCE_STATUS);
         return false;
     }
     const dev_t source_volume = makedev(status.stx_dev_major, status.stx_dev_minor);
@@ -230,13 +230,13 @@ static bool copy_object(const struct copy_context *context, const char *source, 
     bool created = false;
     switch (type) {
     case S_IFIFO:
-        created = make_replacing(destination, make_fifo, 0600, 0, 330);
+        created = make_replacing(destination, make_fifo, 0600, 0, UTILS_SITE_COPY_MAKE_PIPE);
         break;
     case S_IFCHR:
     case S_IFBLK:
     case S_IFSOCK:
         /* The node's device argument is the device of the volume holding the source. */
-        created = make_replacing(destination, mknod, type | 0600, source_volume, 340);
+        created = make_replacing(destination, mknod, type | 0600, source_volume, UTILS_SITE_COPY_MAKE_NODE);
         break;
     case S_IFDIR:
         created = make_folder(destination, context->superuser, &device, &current)
@@ -248,14 +248,14 @@ static bool copy_object(const struct copy_context *context, const char *source, 
          * the data stream is all there is. Its descriptors stay open for the metadata. */
         created = utils_copy_data_stream(source_fd, source, destination, &pair, &current);
         if (!created)
-            utils_report_error(453);
+            utils_report_error(UTILS_SITE_COPY_DATA);
         break;
     case S_IFLNK:
         created = copy_link(source, destination);
         break;
     default:
         errno = ENOTSUP;
-        utils_report_path(source, 494);
+        utils_report_path(source, UTILS_SITE_COPY_UNSUPPORTED_TYPE);
         return false;   /* nothing was touched */
     }
 

@@ -14,7 +14,7 @@
  * truncated and overwritten; anything else in the way (a folder, link, device, pipe), and a file
  * that cannot be opened (immutable, no permission), is deleted first. The source itself (the
  * same path, or a hard link to it) is never truncated: that fails with EEXIST, which also keeps
- * the clean-up from deleting it. The descriptor, or -1 after reporting site 660. */
+ * the clean-up from deleting it. The descriptor, or -1 after reporting UTILS_SITE_DATA_OPEN. */
 static int open_destination(const char *destination, const struct stat *source)
 {
     int fd = open(destination, CREATE_FLAGS, 0600);
@@ -34,7 +34,7 @@ static int open_destination(const char *destination, const struct stat *source)
         fd = open(destination, CREATE_FLAGS, 0600);
 out:
     if (fd < 0)
-        utils_report_path(destination, 660);
+        utils_report_path(destination, UTILS_SITE_DATA_OPEN);
     return fd;
 }
 
@@ -74,13 +74,13 @@ static bool copy_through_buffer(int in, int out, const char *source, const char 
         if (got < 0) {
             if (errno == EINTR)
                 continue;
-            utils_report_path(source, 698);
+            utils_report_path(source, UTILS_SITE_DATA_READ);
             goto out;
         }
         if (got == 0)
             break;
         if (!write_all(out, buffer, (size_t)got, offset)) {
-            utils_report_path(destination, 703);
+            utils_report_path(destination, UTILS_SITE_DATA_WRITE);
             goto out;
         }
         offset += got;
@@ -147,7 +147,7 @@ out:;
         return true;
     }
     if (out >= 0 && close(out) < 0 && ok) {
-        utils_report_path(destination, 703);
+        utils_report_path(destination, UTILS_SITE_DATA_WRITE);
         ok = false;
         saved = errno;
     }

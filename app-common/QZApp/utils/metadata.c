@@ -45,24 +45,24 @@ static ssize_t list_names(const struct copy_pair *pair, char *stack, char **name
     if (errno == ENOTSUP || errno == EPERM)
         return 0;
     if (errno != ERANGE) {
-        utils_report_error(819);
+        utils_report_error(UTILS_SITE_XATTR_LIST);
         return -1;
     }
     size = list_attributes(source, fd, NULL, 0);
     if (size < 0) {
         if (errno == ENOTSUP || errno == EPERM)
             return 0;
-        utils_report_error(819);
+        utils_report_error(UTILS_SITE_XATTR_LIST);
         return -1;
     }
     *names = malloc((size_t)size);
     if (!*names) {
-        utils_report_error(827);
+        utils_report_error(UTILS_SITE_XATTR_ALLOCATE);
         return -1;
     }
     size = list_attributes(source, fd, *names, (size_t)size);
     if (size < 0) {
-        utils_report_error(832);
+        utils_report_error(UTILS_SITE_XATTR_LIST_AGAIN);
         free(*names);
         *names = NULL;
         return -1;
@@ -122,14 +122,14 @@ bool utils_copy_extended_attributes(const struct copy_pair *pair, struct xattr_l
             continue;
         }
         if (!copy_one_attribute(pair, name, value)) {
-            utils_report_error(845);
+            utils_report_error(UTILS_SITE_XATTR_COPY);
             goto out;
         }
     }
     ok = true;
 out:
     if (!ok)
-        utils_report_error(499);
+        utils_report_error(UTILS_SITE_XATTR);
     const int saved = errno;
     if (names != stack)
         free(names);
@@ -147,7 +147,7 @@ static bool copy_one_list(const struct copy_pair *pair, acl_type_t type)
     if (!acl) {
         if (errno == ENOENT || errno == EINVAL || errno == ENOTSUP || errno == EOPNOTSUPP || errno == ENODATA)
             return true;
-        utils_report_path(pair->source, 512);
+        utils_report_path(pair->source, UTILS_SITE_ACL_READ);
         return false;
     }
     bool ok = true;
@@ -155,7 +155,7 @@ static bool copy_one_list(const struct copy_pair *pair, acl_type_t type)
     if (!none) {
         const int set = by_fd ? acl_set_fd(pair->destination_fd, acl) : acl_set_file(pair->destination, type, acl);
         if (set < 0 && errno != ENOTSUP && errno != EOPNOTSUPP) {
-            utils_report_path(pair->destination, 519);
+            utils_report_path(pair->destination, UTILS_SITE_ACL_SET);
             ok = false;
         }
     }
@@ -191,7 +191,7 @@ bool utils_copy_owner(const struct copy_pair *pair, bool superuser, uid_t source
         return true;
     const struct volume_capabilities *volume = utils_volume_capabilities(pair->destination, destination_device);
     if (!volume) {
-        utils_report_error(538);
+        utils_report_error(UTILS_SITE_CAPABILITIES);
         return false;
     }
     if (!(volume->common & (UTILS_ATTR_OWNER | UTILS_ATTR_GROUP)))
@@ -199,7 +199,7 @@ bool utils_copy_owner(const struct copy_pair *pair, bool superuser, uid_t source
     const int changed = pair->destination_fd >= 0 ? fchown(pair->destination_fd, *applied_owner, *applied_group)
                                                   : lchown(pair->destination, *applied_owner, *applied_group);
     if (changed < 0) {
-        utils_report_path(pair->destination, 528);
+        utils_report_path(pair->destination, UTILS_SITE_OWNER);
         return false;
     }
     return true;

@@ -37,7 +37,7 @@ static struct stringbuf_block *check_guards(stringbuf handle)
     struct stringbuf_block *buf = block_of(handle);
     if (!(buf->guard[0] == 's' && buf->guard[1] == 'T' && buf->guard[2] == 'R' && buf->guard[3] == 'B' && buf->characters[buf->capacity + 1] == 'S' && buf->characters[buf->capacity + 2] == 't' && buf->characters[buf->capacity + 3] == 'r' && buf->characters[buf->capacity + 4] == 'b'))
         __assert_fail("buf->guard[0] == 's' && buf->guard[1] == 'T' && buf->guard[2] == 'R' && buf->guard[3] == 'B' && buf->characters[buf->capacity + 1] == 'S' && buf->characters[buf->capacity + 2] == 't' && buf->characters[buf->capacity + 3] == 'r' && buf->characters[buf->capacity + 4] == 'b'",
-                      UTILS_SOURCE_UNIT, __LINE__, "check_guards");
+                      UTILS_SOURCE_UNIT, UTILS_GUARD_CHECK_LINE, "check_guards");
     return buf;
 }
 

@@ -4,6 +4,8 @@
 
 #include <QZApp/utils.h>
 
+#include "report_sites.h"
+
 #include <dirent.h>
 #include <stdbool.h>
 #include <stddef.h>
@@ -14,10 +16,13 @@
 extern "C" {
 #endif
 
-/* The source unit named in the utilities' fatal assertion reports. */
+/* Report identifiers of the utilities' one fatal assertion, the buffer guard check: the source
+ * unit and line its report names. Fixed, never taken from __FILE__ or __LINE__. */
 #define UTILS_SOURCE_UNIT "app-common/QZApp/utils"
+#define UTILS_GUARD_CHECK_LINE 40
 
-/* "PATH: strerror(errno) (at utils:SITE)\n" on standard error; errno is preserved. */
+/* "PATH: strerror(errno) (at utils:SITE)\n" on standard error; errno is preserved. SITE is one
+ * of the UTILS_SITE_* report identifiers (report_sites.h). */
 QZUTILS_EXPORT void utils_report_path(const char *path, unsigned site);
 /* "utils:SITE: error (errno)\n" on standard error; errno is preserved. */
 QZUTILS_EXPORT void utils_report_error(unsigned site);
@@ -70,7 +75,7 @@ struct volume_capabilities {
 int32_t utils_device_number(dev_t device);
 /* The capabilities of the volume with `device` that holds `path`; a negative device is read
  * from the path's own status first. Of the two entries of the cache, a miss overwrites the one
- * not written last. Null after a report (sites 222, 234, 239, 257). */
+ * not written last. Null after a report (UTILS_SITE_VOLUME_*). */
 QZUTILS_EXPORT const struct volume_capabilities *utils_volume_capabilities(const char *path, int32_t device);
 /* Test hooks: how many volumes were queried so far, and emptying the cache. */
 QZUTILS_EXPORT unsigned long utils_volume_capability_queries(void);
@@ -102,23 +107,28 @@ struct known_owner {
     gid_t group;
 };
 
-/* Copies the extended attributes (sites 819, 827, 832, 845, each followed by 499). */
+/* Copies the extended attributes (UTILS_SITE_XATTR_*, each followed by UTILS_SITE_XATTR). */
 bool utils_copy_extended_attributes(const struct copy_pair *pair, struct xattr_listing *listing);
-/* Copies the access control list, and a folder's default list (sites 512, 519). */
+/* Copies the access control list, and a folder's default list (UTILS_SITE_ACL_READ,
+ * UTILS_SITE_ACL_SET). */
 bool utils_copy_access_control_lists(const struct copy_pair *pair, bool folder, const struct xattr_listing *listing);
-/* Gives the destination its owner and group and tells which were applied (site 528). */
+/* Gives the destination its owner and group and tells which were applied (UTILS_SITE_OWNER; when
+ * the destination's volume cannot be looked up, its report and then UTILS_SITE_CAPABILITIES). */
 bool utils_copy_owner(const struct copy_pair *pair, bool superuser, uid_t source_owner, gid_t source_group,
                       int32_t destination_device, const struct known_owner *current,
                       const copy_file_options *options, uid_t *applied_owner, gid_t *applied_group);
 /* Carries modification time, permission bits and the immutable flag as both volumes keep them
- * (sites 538, 551, 582, 587). Only when this succeeds is the copy of the object a success. */
+ * (UTILS_SITE_CAPABILITIES after a volume lookup's own report, UTILS_SITE_ATTRIBUTES_*). Only
+ * when this succeeds is the copy of the object a success. */
 bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int32_t source_device,
                                int32_t destination_device, uid_t applied_owner, gid_t applied_group);
 
 /* Copies the data of a regular file (datastream.c): from the open descriptor `source_fd`, or
- * from `source` opened here when it is -1, to `destination`, created or truncated (sites 660,
- * 698, 703). With `kept`, the descriptors stay open for the caller (source_fd and
- * destination_fd, to be closed by it) and `current` tells the destination's owner. */
+ * from `source` opened here when it is -1, to `destination`, created or truncated
+ * (UTILS_SITE_DATA_*; a source that cannot be opened or whose status cannot be read, and a
+ * buffer that cannot be allocated, fail without a line of their own). With `kept`, the
+ * descriptors stay open for the caller (source_fd and destination_fd, to be closed by it) and
+ * `current` tells the destination's owner. */
 bool utils_copy_data_stream(int source_fd, const char *source, const char *destination, struct copy_pair *kept,
                             struct known_owner *current);
 

@@ -37,12 +37,12 @@ int32_t utils_device_number(dev_t device)
 }
 
 /* Whether the mount-info line of a FUSE volume with `device` names a FAT-like subtype. 0 or 1,
- * or -1 after reporting site 257. A volume that is not found counts as not FAT-like. */
+ * or -1 after reporting UTILS_SITE_VOLUME_QUERY. A volume that is not found counts as not FAT-like. */
 static int fuse_volume_is_fat_like(dev_t device)
 {
     FILE *mounts = fopen(MOUNTINFO_PATH, "re");
     if (!mounts) {
-        utils_report_path(MOUNTINFO_PATH, 257);
+        utils_report_path(MOUNTINFO_PATH, UTILS_SITE_VOLUME_QUERY);
         return -1;
     }
     char wanted[32];
@@ -112,7 +112,7 @@ const struct volume_capabilities *utils_volume_capabilities(const char *path, in
     if (device < 0) {
         struct stat status;
         if (lstat(path, &status) < 0) {
-            utils_report_path(path, 222);
+            utils_report_path(path, UTILS_SITE_VOLUME_STATUS);
             return NULL;
         }
         device = utils_device_number(status.st_dev);
@@ -124,13 +124,13 @@ const struct volume_capabilities *utils_volume_capabilities(const char *path, in
     /* The object itself, not what a final symbolic link points to. */
     const int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
-        utils_report_path(path, 234);
+        utils_report_path(path, UTILS_SITE_VOLUME_OPEN);
         return NULL;
     }
     struct statfs fs;
     struct stat status;
     if (fstatfs(fd, &fs) < 0 || fstat(fd, &status) < 0) {
-        utils_report_path(path, 239);
+        utils_report_path(path, UTILS_SITE_VOLUME_FILE_SYSTEM);
         close(fd);
         return NULL;
     }

@@ -1,8 +1,9 @@
 /* The helper's command-line splitter: the exact inverse of the client's argument quoting.
  *
  * A client joins arguments with single blanks; in each argument every shell-special character
- * gets a backslash (carriage return, line feed and tab are written as \r, \n and \t), and an
- * empty argument is written as a blank and "" (also when it comes first). helper_split()
+ * gets a backslash (carriage return, line feed and tab are written as \r, \n and \t: the
+ * alphabet is in helper_protocol.h), and an empty argument is written as a blank and "" (also
+ * when it comes first). helper_split()
  * accepts exactly the lines that joining can produce and gives back the arguments.
  */
 #ifndef QZHELPER_SPLIT_H

@@ -2,7 +2,7 @@
 #ifndef QZHELPER_COMMANDS_H
 #define QZHELPER_COMMANDS_H
 
-#include "client.h"
+#include "peer_check.h"
 
 #include <stddef.h>
 
@@ -28,10 +28,5 @@ struct helper_result {
  * except by access, which opens what open(2) opens. */
 void helper_run_command(const struct helper_client *client, int argc, char **argv,
                         const void *data, size_t length, struct helper_result *result);
-
-/* The access control list commands (acl.c). Each returns 0 or an errno value. */
-int helper_authorise(const char *path, unsigned perms, unsigned long uid);
-int helper_revoke(const char *path, unsigned long uid);
-int helper_authorise_global(const char *path, unsigned perms);
 
 #endif /* QZHELPER_COMMANDS_H */

@@ -1,7 +1,7 @@
 /* The access control list commands, through libacl. A final symbolic link is not followed:
  * the object is opened with O_PATH | O_NOFOLLOW and its list is read and written through
  * /proc/self/fd, so what is checked is what is changed. */
-#include "commands.h"
+#include "acl.h"
 
 #include <acl/libacl.h>
 #include <errno.h>

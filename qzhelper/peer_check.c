@@ -1,46 +1,12 @@
-/* The client check; see client.h. */
-#include "client.h"
+/* The peer check; see peer_check.h. */
+#include "peer_check.h"
+
+#include <QZApp/helper/process_start_time.h>
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
-unsigned long long helper_process_start_time(pid_t pid)
-{
-    char path[64], text[1024];
-    snprintf(path, sizeof(path), "/proc/%ld/stat", (long)pid);
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return 0;
-    const ssize_t length = read(fd, text, sizeof(text) - 1);
-    const int saved = errno;
-    close(fd);
-    if (length <= 0) {
-        errno = length < 0 ? saved : EINVAL;
-        return 0;
-    }
-    text[length] = '\0';
-
-    /* The command name (field 2) may hold blanks and parentheses: count from the last ')'. */
-    const char *field = strrchr(text, ')');
-    for (int number = 2; field && number < 22; number++)
-        field = strchr(field + 1, ' ');
-    if (!field) {
-        errno = EINVAL;
-        return 0;
-    }
-    char *end;
-    const unsigned long long start = strtoull(field + 1, &end, 10);
-    if (end == field + 1 || start == 0) {
-        errno = EINVAL;
-        return 0;
-    }
-    return start;
-}
 
 /* Reads exactly `length` bytes; -1 at an error or a premature end. */
 static int read_exactly(int socket, void *bytes, size_t length)

@@ -3,7 +3,7 @@
 #ifndef QZHELPER_SERVER_H
 #define QZHELPER_SERVER_H
 
-#include "client.h"
+#include "peer_check.h"
 #include "outbox.h"
 
 #include <stddef.h>

@@ -1,6 +1,8 @@
 /* The command words; see commands.h. */
 #include "commands.h"
 
+#include "acl.h"
+
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>

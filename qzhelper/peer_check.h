@@ -1,6 +1,6 @@
 /* Who the helper serves: the socket peer, checked against its authorization block. */
-#ifndef QZHELPER_CLIENT_H
-#define QZHELPER_CLIENT_H
+#ifndef QZHELPER_PEER_CHECK_H
+#define QZHELPER_PEER_CHECK_H
 
 #include <QZApp/helper/helper_protocol.h>
 
@@ -18,7 +18,4 @@ struct helper_client {
  * with a one-line reason in `reason`. */
 int helper_accept_client(int socket, struct helper_client *client, char *reason, size_t size);
 
-/* The start time of process `pid` (field 22 of /proc/PID/stat), or 0 with errno set. */
-unsigned long long helper_process_start_time(pid_t pid);
-
-#endif /* QZHELPER_CLIENT_H */
+#endif /* QZHELPER_PEER_CHECK_H */

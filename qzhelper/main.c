@@ -8,7 +8,7 @@
  * To act with privileges it is started as root by a launcher (pkexec with a polkit action);
  * it will not run set-user-id or set-group-id.
  */
-#include "client.h"
+#include "peer_check.h"
 #include "server.h"
 
 #include <errno.h>

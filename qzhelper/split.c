@@ -1,35 +1,28 @@
 /* The helper's command-line splitter; see split.h. */
 #include "split.h"
 
+#include <QZApp/helper/helper_protocol.h>
+
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
-/* The characters that joining escapes, as raw bytes. */
-static const char special[] = "|&;<>()$`\"' \t\n\r*?[#~=%\\";
-
 static int is_special(unsigned char c)
 {
-    return c != '\0' && strchr(special, c) != NULL;
+    return c != '\0' && strchr(HELPER_SHELL_SPECIAL, c) != NULL;
 }
 
 /* The character an escape stands for, or -1 when joining never writes that escape. */
 static int unescaped(unsigned char c)
 {
-    switch (c) {
-    case 'r':
-        return '\r';
-    case 'n':
-        return '\n';
-    case 't':
-        return '\t';
-    case '\t':
-    case '\n':
-    case '\r':
+    if (c == '\0')
+        return -1;
+    const char *letter = strchr(HELPER_ESCAPE_LETTERS, c);
+    if (letter)
+        return HELPER_ESCAPED_CONTROLS[letter - HELPER_ESCAPE_LETTERS];
+    if (strchr(HELPER_ESCAPED_CONTROLS, c))
         return -1;   /* these are written as letters */
-    default:
-        return is_special(c) ? c : -1;
-    }
+    return is_special(c) ? c : -1;
 }
 
 /* Reads one argument from line[*at] up to the next blank or the end into `out`. Returns the
