@@ -8,6 +8,7 @@
 #include "split.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,7 +38,6 @@ void server_free(struct server *server)
     outbox_free(&server->out);
     for (size_t i = 0; i < server->held_count; i++)
         close(server->held[i].fd);
-    free(server->held);
     memset(server, 0, sizeof(*server));
 }
 
@@ -110,39 +110,44 @@ static void reply(struct server *server, uint32_t id, int status, long long size
     }
 }
 
-/* Keeps `fd` until the client fetches it with GET_FD or lets go with ABORT. */
-static int hold_descriptor(struct server *server, uint32_t id, int fd)
+/* Keeps `fd` offered for command `id` until the client sends ABORT for it; when the table is
+ * full, the oldest offer is closed to make room. */
+static void hold_descriptor(struct server *server, uint32_t id, int fd)
 {
     for (size_t i = 0; i < server->held_count; i++) {
         if (server->held[i].id == id) {   /* an old offer under a reused identifier */
             close(server->held[i].fd);
             server->held[i].fd = fd;
-            return 0;
+            return;
         }
     }
-    if (server->held_count == server->held_capacity) {
-        const size_t capacity = server->held_capacity ? server->held_capacity * 2 : 16;
-        struct held_descriptor *grown = realloc(server->held, capacity * sizeof(*grown));
-        if (!grown)
-            return -1;
-        server->held = grown;
-        server->held_capacity = capacity;
+    if (server->held_count == HELPER_MAX_HELD_DESCRIPTORS) {
+        close(server->held[0].fd);
+        memmove(&server->held[0], &server->held[1], (server->held_count - 1) * sizeof(server->held[0]));
+        server->held_count--;
     }
     server->held[server->held_count++] = (struct held_descriptor){ id, fd };
-    return 0;
 }
 
-/* Takes the descriptor held for `id` away from the table; -1 when there is none. */
-static int release_descriptor(struct server *server, uint32_t id)
+/* The index of the offer for `id`, or -1 when there is none. */
+static long find_offer(const struct server *server, uint32_t id)
 {
     for (size_t i = 0; i < server->held_count; i++) {
-        if (server->held[i].id == id) {
-            const int fd = server->held[i].fd;
-            server->held[i] = server->held[--server->held_count];
-            return fd;
-        }
+        if (server->held[i].id == id)
+            return (long)i;
     }
     return -1;
+}
+
+/* Withdraws the offer for `id` and closes its descriptor, if there is one. */
+static void withdraw_offer(struct server *server, uint32_t id)
+{
+    const long at = find_offer(server, id);
+    if (at < 0)
+        return;
+    close(server->held[at].fd);
+    memmove(&server->held[at], &server->held[at + 1], (server->held_count - (size_t)at - 1) * sizeof(server->held[0]));
+    server->held_count--;
 }
 
 static void run_request(struct server *server, const struct request *request, const char *data)
@@ -159,13 +164,10 @@ static void run_request(struct server *server, const struct request *request, co
     helper_run_command(&server->client, args.argc, args.argv, data,
                        request->has_data ? (size_t)request->data_length : 0, &result);
     helper_args_free(&args);
-    if (result.fd >= 0 && hold_descriptor(server, request->id, result.fd) != 0) {
-        close(result.fd);
-        result.fd = -1;
-        result.status = ENOMEM;
-    }
-    if (result.fd >= 0)
+    if (result.fd >= 0) {
+        hold_descriptor(server, request->id, result.fd);
         reply(server, request->id, 0, -1, NULL, 0);
+    }
     else
         reply(server, request->id, result.status, (long long)result.length, result.data, result.length);
 }
@@ -180,19 +182,20 @@ static int text_is(const struct request *request, const char *word)
 static void dispatch(struct server *server, const struct request *request, const char *data)
 {
     if (text_is(request, "GET_FD")) {
-        const int fd = release_descriptor(server, request->id);
-        if (fd < 0) {
+        /* Each fetch gets its own duplicate; the offer stands until ABORT. */
+        const long at = find_offer(server, request->id);
+        const int fd = at < 0 ? -1 : fcntl(server->held[at].fd, F_DUPFD_CLOEXEC, 0);
+        if (at < 0) {
             fprintf(stderr, "qzhelper: command %u offers no descriptor\n", request->id);
-        } else if (outbox_add(&server->out, "\n", 1, fd) != 0) {
-            close(fd);
+        } else if (fd < 0 || outbox_add(&server->out, "\n", 1, fd) != 0) {
+            if (fd >= 0)
+                close(fd);
             fprintf(stderr, "qzhelper: cannot queue the descriptor of command %u\n", request->id);
         }
         return;
     }
     if (text_is(request, "ABORT")) {
-        const int fd = release_descriptor(server, request->id);
-        if (fd >= 0)
-            close(fd);
+        withdraw_offer(server, request->id);
         return;   /* commands finish before the next request is read: nothing else to stop */
     }
     run_request(server, request, data);

@@ -14,6 +14,10 @@
 #define HELPER_MAX_REQUEST_LINE (64 * 1024)
 #define HELPER_MAX_REQUEST_DATA (64 * 1024 * 1024)
 
+/* The most descriptors offered to one client that the helper keeps open; the oldest offer is
+ * withdrawn (its descriptor closed) to make room for a new one. */
+#define HELPER_MAX_HELD_DESCRIPTORS 64
+
 struct held_descriptor {
     uint32_t id;
     int fd;
@@ -27,8 +31,10 @@ struct server {
     unsigned long long skip_after_line;   /* data bytes that follow that line */
     unsigned long long skip_data;     /* data bytes still to drop */
     struct outbox out;
-    struct held_descriptor *held;     /* descriptors offered and not yet fetched */
-    size_t held_count, held_capacity;
+    /* Descriptors offered, oldest first. An offer stands until the client sends ABORT for its
+     * command (each GET_FD gets a duplicate), or until newer offers push it out. */
+    struct held_descriptor held[HELPER_MAX_HELD_DESCRIPTORS];
+    size_t held_count;
 };
 
 void server_init(struct server *server, const struct helper_client *client);

@@ -65,6 +65,42 @@ TEST(ReferenceHelper, AccessControlListsGrantAndRevoke)
     EXPECT_EQ(authorise_global(workspace.path("missing").constData(), 4), ENOENT);
 }
 
+// An offered descriptor can be fetched again (each fetch a new descriptor for the same open
+// file) until the client aborts the command; then the helper closes its copy.
+TEST(ReferenceHelper, OffersADescriptorUntilTheCommandIsAborted)
+{
+    Workspace workspace;
+    const QByteArray file = workspace.write("file", "text", 0600);
+    ASSERT_EQ(tool()->performCommand(QStringLiteral("echo")), 0);
+    const pid_t helper = QZHelperToolTesting::helperProcessID(tool());
+    ASSERT_GT(helper, 0);
+    const auto helperDescriptors = [helper] {
+        return QDir(QStringLiteral("/proc/%1/fd").arg(helper)).entryList(QDir::Files | QDir::System).size();
+    };
+    const qsizetype before = helperDescriptors();
+
+    const auto command = tool()->issueCommand(QStringLiteral("access ") + QFile::decodeName(file) + QStringLiteral(" 0 0 2"));
+    ASSERT_TRUE(command);
+    ASSERT_EQ(command->getStatus(), 0);
+    const int first = command->getFileDescriptor(), second = command->getFileDescriptor();
+    ASSERT_GE(first, 0);
+    ASSERT_GE(second, 0);
+    EXPECT_NE(first, second);
+    EXPECT_TRUE(command->fileDescriptorAvailable());
+    char text[4] = {};
+    EXPECT_EQ(read(first, text, sizeof text), 4);   // one open file: the second reads on from there
+    EXPECT_EQ(lseek(second, 0, SEEK_CUR), 4);
+    EXPECT_EQ(pread(second, text, sizeof text, 0), 4);
+    EXPECT_EQ(QByteArray(text, 4), "text");
+    close(first);
+    close(second);
+    EXPECT_EQ(helperDescriptors(), before + 1);
+
+    command->abort();
+    ASSERT_EQ(tool()->performCommand(QStringLiteral("echo")), 0);   // served after the abort
+    EXPECT_EQ(helperDescriptors(), before);
+}
+
 // The deployment shape: a client without privileges, and beside a copy of the helper a
 // set-user-id launcher that runs it as root. Chown and unlink never follow a final link; the
 // C interface also works from C.

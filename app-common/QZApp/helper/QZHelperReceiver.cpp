@@ -6,6 +6,7 @@
 #include "QZHelperSocket_p.h"
 
 #include <QZApp/QZAssertionHandler.h>
+#include <QZApp/QZAssertionReports_p.h>
 #include <QZApp/QZConsoleLog.h>
 
 #include <algorithm>
@@ -19,7 +20,7 @@
 
 namespace {
 
-constexpr const char *kSourceUnit = "app-common/QZApp/helper/QZHelperTool";
+namespace Report = QZAssertionReport::HelperTool;
 constexpr size_t kLineBuffer = HELPER_MAX_LINE + 1;   // a line and the terminating zero
 constexpr size_t kControlBuffer = 128;
 constexpr size_t kDataChunk = 64 * 1024;
@@ -212,11 +213,9 @@ bool QZHelperToolPrivate::handleLine(int socket, char *buffer, size_t *held, qin
         finish();
     }
     qint32 finalStatus = replyStatus;
-    if (replyStatus == QZHelperCommand::NoReply) {
-        QZAssertionHandler::currentHandler()->handleFailureInMethod(
-                "QZHelperTool::receiveThread", q, kSourceUnit, 356, QStringLiteral("Helper returned invalid error!"));
+    if (!QZ_CHECK(replyStatus != QZHelperCommand::NoReply, "QZHelperTool::receiveThread", q, Report::kUnit,
+                  Report::kInvalidReplyStatusLine, QStringLiteral("Helper returned invalid error!")))
         finalStatus = QZHelperCommand::Failed;   // a host handler returned: the command fails
-    }
     outcomes->push_back({ command, finalStatus, size == -1 });
     return true;
 }

@@ -6,6 +6,7 @@
 #include "QZHelperTool_p.h"
 
 #include <QZApp/QZAssertionHandler.h>
+#include <QZApp/QZAssertionReports_p.h>
 #include <QZApp/QZConsoleLog.h>
 #include <QZApp/QZMainThread.h>
 
@@ -15,7 +16,7 @@
 
 namespace {
 
-constexpr const char *kSourceUnit = "app-common/QZApp/helper/QZHelperTool";
+namespace Report = QZAssertionReport::HelperTool;
 
 // A command's finish notice, with its delegate taken before the status is published: a caller
 // that wakes up may let go of its delegate at once.
@@ -55,8 +56,8 @@ QZHelperTool::QZHelperTool()
 {
     // Using the class creates the shared instance first, so there always is one by now.
     sharedInstance();
-    QZAssertionHandler::currentHandler()->handleFailureInMethod("QZHelperTool::QZHelperTool", this, kSourceUnit,
-                                                                 73, QStringLiteral("Oops!"));
+    QZ_CHECK(false, "QZHelperTool::QZHelperTool", this, Report::kUnit, Report::kSecondInstanceLine,
+             QStringLiteral("Oops!"));
 }
 
 QZHelperTool::~QZHelperTool()
