@@ -7,6 +7,7 @@
 #include <QZApp/QZMainThread.h>
 
 #include <cstring>
+#include <future>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -97,7 +98,7 @@ TEST(HelperChannel, DescriptorsAreFetchedOnceAndOnlyWhenOffered)
     ConsoleCapture console;
     FakeHelper fake("read\nsendfd 1 /dev/null \\n\nsendfd 2 /dev/null \\n\nsend 1 FD\\n\nread\n"
                     "sendfd 1 " FAKE_HELPER_PATH " \\n\nsend 1 REPLY 0 0\\n\n"
-                    "read\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 /dev/null \\n\nread\nsend 3 REPLY 0 0\\n");
+                    "read\nsend\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 /dev/null \\n\nread\nsend 3 REPLY 0 0\\n");
     const int before = qztest::openDescriptorCount();
     const auto early = tool()->issueCommand(QStringLiteral("access early"));
     ASSERT_TRUE(early);
@@ -111,10 +112,16 @@ TEST(HelperChannel, DescriptorsAreFetchedOnceAndOnlyWhenOffered)
     early->abort();   // replied and nothing held: only marked
     EXPECT_TRUE(early->aborted());
 
+    // Asked for before the reply that offers it (the helper pauses first): the reply wakes it.
     const auto late = tool()->issueCommand(QStringLiteral("access late"));
     ASSERT_TRUE(late);
+    auto lateFd = std::async(std::launch::async, [&] { return late->getFileDescriptor(); });
+    if (lateFd.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        tool()->terminateHelper();   // the end of the connection wakes the caller left waiting
+        FAIL() << "the reply did not wake the caller waiting for its descriptor";
+    }
+    EXPECT_EQ(close(lateFd.get()), 0);
     EXPECT_EQ(late->getStatus(), 0);
-    EXPECT_EQ(close(late->getFileDescriptor()), 0);
     EXPECT_EQ(late->getFileDescriptor(), -1);
     int none = 7;
     EXPECT_EQ(tool()->performCommand(QStringLiteral("no descriptor"), &none), 10002);
