@@ -180,12 +180,15 @@ TEST(ThreadProxy, CreateThreadProxyRunsEachCallOnANewThread)
 TEST(ThreadProxy, DelayedCallsRunOnTheCallingThreadsEventLoopAndNeverWithoutOne)
 {
     Model stranded, looped;
+    const auto safe = std::make_shared<Model>();
     // A plain thread has no event loop: the call never runs, on any thread.
     std::thread([&] { QZ::delayedProxy(&stranded, 0).call(&Model::append, QStringLiteral("never")); }).join();
-    // A thread running its own event loop runs the call there, later.
+    // A thread running its own event loop runs the call there, later; the delayed safe perform
+    // waits there too, but then runs on the main thread, whose queue it belongs to.
     std::unique_ptr<QThread> looping(QThread::create([&] {
         QEventLoop loop;
         QZ::delayedProxy(&looped, 0.01).call(&Model::add, 1);
+        QZ::safelyPerformSelector(safe, &Model::add, 2, 0.01);
         EXPECT_EQ(looped.total, 0);
         QZ::delayedProxy(&loop, 0.02).call(&QEventLoop::quit);
         loop.exec();
@@ -193,6 +196,8 @@ TEST(ThreadProxy, DelayedCallsRunOnTheCallingThreadsEventLoopAndNeverWithoutOne)
     looping->start();
     EXPECT_TRUE(looping->wait(5000));
     EXPECT_TRUE(looped.total == 1 && looped.thread != std::this_thread::get_id());
+    EXPECT_TRUE(processEventsUntil([&] { return safe->total == 2; }));
+    EXPECT_EQ(safe->thread, std::this_thread::get_id());
     EXPECT_FALSE(processEventsUntil([&] { return !stranded.texts.isEmpty(); }, 300));
 }
 

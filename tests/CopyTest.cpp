@@ -109,7 +109,10 @@ TEST_F(Copy, CarriesEveryKindOfObjectAsCpArchiveDoesAndAlsoImmutability)
     }
     setAcl(source + "/d1", "u::rwx,g::r-x,u:65534:rwx,m::rwx,o::r-x", true);
     const std::string program = source + "/program";
-    writeFile(program, "#!/bin/sh\n", 06755);   // set-user-id and set-group-id kept: the same owner
+    // Set-user-id and set-group-id stay with the source's owner and group (the superuser's own
+    // owner number, but another group), which the copy must set although only the group differs.
+    writeFile(program, "#!/bin/sh\n");
+    ASSERT_EQ(chown(program.c_str(), 0, 100) | chmod(program.c_str(), 06755), 0);
     setAttribute(program, "user.note", "kept");
     setAttribute(program, "user.empty", "");
     ASSERT_EQ(mkfifo((source + "/pipe").c_str(), 0640), 0);
@@ -159,6 +162,8 @@ TEST_F(Copy, MergesIntoATreeReplacingWhatIsInTheWayButNeverWritesThroughALinkOrO
     EXPECT_EQ(runCopy(source + "/same", source + "/same").status, EEXIST);
     EXPECT_EQ(runCopy(source + "/absent", dest + "/same"),
               (Outcome { ENOENT, source + "/absent: No such file or directory (at utils:309)\n" }));
+    EXPECT_EQ(runCopy(source + "/sub", volume / "missing/sub", COPY_FILE_RECURSIVE),
+              (Outcome { ENOENT, volume / "missing/sub: No such file or directory (at utils:346)\n" }));
     EXPECT_EQ(listing(dest), "keep=untouched link=payload same=new sub/ sub/deeper/ sub/deeper/leaf=leaf sub/keep-too=untouched "
                              "was-file/ was-folder=now a file");
     EXPECT_EQ(readFile(source + "/same") + readFile(outside), "newmust stay");
@@ -299,6 +304,12 @@ TEST_F(Unprivileged, CopiesReadOnlyFoldersAndStopsAtAnUnreadableEntryUnlessKeepi
     makeFolder(source + "/closed/deeper", 0555);
     makeFolder(source + "/closed", 0555);
     ASSERT_EQ(chmod((source + "/inner/secret").c_str(), 0600), 0);   // the superuser's
+
+    // The user's own read-only file in the way cannot be opened for writing: it is replaced.
+    writeFile(work + "/mine", "old", 0444);
+    ASSERT_EQ(chown((work + "/mine").c_str(), nobody, nobody), 0);
+    EXPECT_EQ(runCopy(source + "/inner/open", work + "/mine", 0, nobody), (Outcome { 0, "" }));
+    EXPECT_EQ(readFile(work + "/mine"), "yes");
 
     // The data copy opens the source without a report of its own; each level adds its line.
     EXPECT_EQ(runCopy(source, work + "/strict", COPY_FILE_RECURSIVE, nobody),

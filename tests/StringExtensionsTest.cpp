@@ -34,9 +34,9 @@ TEST(StringExtensions, EscapingUsesOneBackslashAndUnescapingDropsAllButATrailing
     }
     EXPECT_EQ(stringByEscapingShellCharacters(QStringLiteral("plain-é_1.txt")), QStringLiteral("plain-é_1.txt"));
     EXPECT_EQ(stringByEscapingCharactersInSet(QStringLiteral("a-b\tc"), u"-\t"), QStringLiteral("a\\-b\\tc"));
-    const QByteArray map("x\0y", 3);
+    const QByteArray map("xxz\0yzz", 7);   // a repeated character: its first occurrence counts
     EXPECT_EQ(stringByEscapingCharactersInSet(QStringLiteral("axb"), u"x", map), QStringLiteral("a\\yb"));
-    EXPECT_EQ(unescapedStringWithMap(QStringLiteral("a\\yb"), map), QStringLiteral("axb"));
+    EXPECT_EQ(unescapedStringWithMap(QStringLiteral("a\\yb\\z"), map), QStringLiteral("axbx"));
     EXPECT_EQ(unescapedStringWithMap(QStringLiteral("\\n"), QByteArray("unmatched")), QStringLiteral("n"));
     EXPECT_EQ(unescapedString(QStringLiteral("\\q\\t\\\\\\ \\éabc\\")), QStringLiteral("q\t\\ éabc\\"));
 }

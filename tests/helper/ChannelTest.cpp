@@ -7,6 +7,7 @@
 #include <QZApp/QZMainThread.h>
 
 #include <cstring>
+#include <future>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -89,17 +90,17 @@ TEST(HelperChannel, ReceiverReadsSplitDataAndLogsWhatMatchesNoCommand)
                                               QStringLiteral("Unexpected reply from helper: ") + QString::fromLatin1(noise) }));
 }
 
-// An offer comes with an FD line before the reply or with a reply of size -1; a descriptor is
-// handed over once, close-on-exec, and never asked for when none was offered. Descriptors
-// nobody asked for, and more than one in a message, are closed.
-// An offer stands until the command's outcome changes it: every fetch asks the helper again,
-// and an abort after fetching still tells the helper to let go.
+// An offer comes with an FD line before the reply or with a reply of size -1. It stands until
+// the command's outcome changes it: every fetch asks the helper again (each descriptor
+// close-on-exec), an abort after fetching still tells the helper to let go, and nothing is
+// asked for when none was offered. Descriptors nobody asked for, and more than one in a
+// message, are closed.
 TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
 {
     ConsoleCapture console;
     FakeHelper fake("read\nsendfd 1 /dev/null \\n\nsendfd 2 /dev/null \\n\nsend 1 FD\\n\nread\n"
                     "sendfd 1 " FAKE_HELPER_PATH " \\n\nsend 1 REPLY 0 0\\n\n"
-                    "read\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 " FAKE_HELPER_PATH " \\n\n"
+                    "read\nsend\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 " FAKE_HELPER_PATH " \\n\n"
                     "read\nsendfd 1 " FAKE_HELPER_PATH " \\n\nread\nread\nsend 3 REPLY 0 0\\n");
     const int before = qztest::openDescriptorCount();
     const auto isHelperProgram = [](int fd) {
@@ -117,10 +118,16 @@ TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
     early->abort();   // replied and nothing offered: only marked
     EXPECT_TRUE(early->aborted());
 
+    // Asked for before the reply that offers it (the helper pauses first): the reply wakes it.
     const auto late = tool()->issueCommand(QStringLiteral("access late"));
     ASSERT_TRUE(late);
+    auto lateFd = std::async(std::launch::async, [&] { return late->getFileDescriptor(); });
+    if (lateFd.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        tool()->terminateHelper();   // the end of the connection wakes the caller left waiting
+        FAIL() << "the reply did not wake the caller waiting for its descriptor";
+    }
+    EXPECT_TRUE(isHelperProgram(lateFd.get()));
     EXPECT_EQ(late->getStatus(), 0);
-    EXPECT_TRUE(isHelperProgram(late->getFileDescriptor()));
     EXPECT_TRUE(late->fileDescriptorAvailable());
     EXPECT_TRUE(isHelperProgram(late->getFileDescriptor()));
     late->abort();

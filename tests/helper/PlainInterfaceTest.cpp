@@ -54,10 +54,12 @@ TEST(PlainInterface, WrappersSendTheirArgumentVectorsAndReportStatuses)
     EXPECT_EQ(fake.requests(), expected);
 }
 
-// The callback asks to stop three times; the aborted command still gets its reply.
-TEST(PlainInterface, ProgressCallbackThatAsksToStopAbortsOnce)
+// The callback asks to stop three times; the aborted command still gets its reply. A descriptor
+// offered to a caller that asked for none is let go with one ABORT too.
+TEST(PlainInterface, ProgressCallbackThatAsksToStopAndAnUnwantedDescriptorAbortOnce)
 {
-    FakeHelper fake("read\nsend 1 PROGRESS 10%\\n1 PROGRESS 20%\\n\nread\nsend 1 PROGRESS 30%\\n1 REPLY 89 0\\n");
+    FakeHelper fake("read\nsend 1 PROGRESS 10%\\n1 PROGRESS 20%\\n\nread\nsend 1 PROGRESS 30%\\n1 REPLY 89 0\\n"
+                    "\nread\nsend 2 REPLY 0 -1\\n");
     QStringList seen;
     const char *argv[] = { "long-job" };
     helper_command command {};
@@ -69,9 +71,14 @@ TEST(PlainInterface, ProgressCallbackThatAsksToStopAbortsOnce)
         return 1;
     };
     EXPECT_EQ(perform_helper_command(&command), 89);
+    const char *offering[] = { "offers-one" };
+    helper_command unwanted {};
+    unwanted.argc = 1;
+    unwanted.argv = offering;
+    EXPECT_EQ(perform_helper_command(&unwanted), 0);
     QZHelperTool::sharedInstance()->terminateHelper();
     EXPECT_EQ(seen, (QStringList { QStringLiteral("10%"), QStringLiteral("20%"), QStringLiteral("30%") }));
-    EXPECT_EQ(fake.requests(), QByteArray("1 long-job\n1 ABORT\n"));
+    EXPECT_EQ(fake.requests(), QByteArray("1 long-job\n1 ABORT\n2 offers-one\n2 ABORT\n"));
 }
 
 // In a child that dropped root: a readable file or a missing one never reaches the helper; a

@@ -4,7 +4,7 @@
  * the runs there), reads the 32-byte authorization block and follows the script in
  * QZ_FAKE_HELPER_SCRIPT, one action per line:
  *   read                 read up to the end of the next line
- *   send TEXT            write TEXT, in which \n stands for a newline
+ *   send TEXT            write TEXT, in which \n stands for a newline (without TEXT: only pause)
  *   sendfd N PATH TEXT   write TEXT with N (1 or 2) descriptors of PATH in one SCM_RIGHTS message
  *   exit                 exit at once
  * Each write is followed by a pause of 50 ms, so that the receiver reads it on its own. After the
