@@ -171,7 +171,7 @@ SafeLauncherFolder::~SafeLauncherFolder()
     }
 }
 
-PolkitEnvironment::PolkitEnvironment()
+PolkitEnvironment::PolkitEnvironment(const QByteArray &busPolicy)
 {
     if (!m_failure.isEmpty())
         return;
@@ -197,6 +197,11 @@ PolkitEnvironment::PolkitEnvironment()
                    "    return polkit.Result.NOT_HANDLED;\n"
                    "});\n",
                    0644));
+    if (!busPolicy.isEmpty()) {
+        fail(mountTmpfs("/etc/dbus-1/system.d"));
+        if (m_failure.isEmpty())
+            fail(writeFile("/etc/dbus-1/system.d/qzapp.conf", busPolicy, 0644));
+    }
     if (!m_failure.isEmpty())
         return;
     const char *const bus[] = { "/usr/bin/dbus-daemon", "--system", "--nofork", "--nopidfile", nullptr };

@@ -45,7 +45,9 @@ protected:
 class PolkitEnvironment : public SafeLauncherFolder
 {
 public:
-    PolkitEnvironment();
+    // `busPolicy`, when given, is the system bus's only extra configuration file (over
+    // /etc/dbus-1/system.d), for a service of the caller's own.
+    explicit PolkitEnvironment(const QByteArray &busPolicy = QByteArray());
     ~PolkitEnvironment() override;
 
 private:
