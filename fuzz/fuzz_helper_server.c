@@ -28,7 +28,7 @@ void helper_run_command(const struct helper_client *client, int argc, char **arg
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    struct helper_client client = { 1, 0, 0 };
+    struct helper_client client = { 1, 0, 0, 0 };
     struct server server;
     server_init(&server, &client);
     /* Pieces of varying size, as reads would deliver them. */

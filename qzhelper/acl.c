@@ -1,6 +1,5 @@
-/* The access control list commands, through libacl. A final symbolic link is not followed:
- * the object is opened with O_PATH | O_NOFOLLOW and its list is read and written through
- * /proc/self/fd, so what is checked is what is changed. */
+/* The access control list commands, through libacl. The object comes open with O_PATH and its
+ * list is read and written through /proc/self/fd, so what is checked is what is changed. */
 #include "acl.h"
 
 #include <acl/libacl.h>
@@ -91,12 +90,9 @@ static int apply(acl_t *acl, enum change change, unsigned perms, uid_t uid)
     return -1;
 }
 
-/* Reads the access list of `path`, applies `change` and writes it back. Returns 0 or errno. */
-static int change_acl(const char *path, enum change change, unsigned perms, uid_t uid)
+/* Reads the access list of `fd`, applies `change` and writes it back. Returns 0 or errno. */
+static int change_acl(int fd, enum change change, unsigned perms, uid_t uid)
 {
-    const int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
-        return errno;
     int status = 0;
     acl_t acl = NULL;
     struct stat st;
@@ -115,21 +111,20 @@ static int change_acl(const char *path, enum change change, unsigned perms, uid_
     }
     if (acl)
         acl_free(acl);
-    close(fd);
     return status;
 }
 
-int helper_authorise(const char *path, unsigned perms, unsigned long uid)
+int helper_authorise(int object, unsigned perms, unsigned long uid)
 {
-    return change_acl(path, GRANT_USER, perms, (uid_t)uid);
+    return change_acl(object, GRANT_USER, perms, (uid_t)uid);
 }
 
-int helper_revoke(const char *path, unsigned long uid)
+int helper_revoke(int object, unsigned long uid)
 {
-    return change_acl(path, REVOKE_USER, 0, (uid_t)uid);
+    return change_acl(object, REVOKE_USER, 0, (uid_t)uid);
 }
 
-int helper_authorise_global(const char *path, unsigned perms)
+int helper_authorise_global(int object, unsigned perms)
 {
-    return change_acl(path, GRANT_OTHER, perms, 0);
+    return change_acl(object, GRANT_OTHER, perms, 0);
 }

@@ -24,8 +24,12 @@ struct helper_result {
  *   revoke UID PATH                      removes user UID's entry
  *   authorise_global PATH PERMS          adds PERMS (decimal) to the entry of all other users
  *   echo                                 replies with the request's data
- * An unknown word or malformed arguments give EINVAL. A final symbolic link is never followed
- * except by access, which opens what open(2) opens. */
+ * An unknown word or malformed arguments give EINVAL, and so does a relative PATH. Every
+ * command but echo first needs the client's authority for its kind of operation (EACCES
+ * without it), then resolves PATH safely (resolve.h). A final symbolic link is never followed
+ * except by access, which follows what open(2) follows. Access opens without waiting, refuses
+ * FIFOs and sockets (EPERM), opens device nodes only with the device authority and creates
+ * files without set-user-id, set-group-id and sticky bits. */
 void helper_run_command(const struct helper_client *client, int argc, char **argv,
                         const void *data, size_t length, struct helper_result *result);
 

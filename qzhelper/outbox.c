@@ -30,12 +30,18 @@ int outbox_add(struct outbox *box, const void *bytes, size_t length, int fd)
     else
         box->head = message;
     box->tail = message;
+    box->pending += length;
     return 0;
 }
 
 int outbox_empty(const struct outbox *box)
 {
     return box->head == NULL;
+}
+
+size_t outbox_pending(const struct outbox *box)
+{
+    return box->pending;
 }
 
 /* The most messages one sendmsg gathers. */
@@ -88,6 +94,7 @@ int outbox_send(struct outbox *box, int socket, int wait)
         }
         /* Retire what was sent whole; the rest of a message stays at the head. */
         size_t sent = (size_t)result;
+        box->pending -= sent;
         while (box->head) {
             struct outbox_message *message = box->head;
             const size_t left = message->length - message->offset;
@@ -115,4 +122,5 @@ void outbox_free(struct outbox *box)
         free(message);
     }
     box->tail = NULL;
+    box->pending = 0;
 }

@@ -9,6 +9,7 @@ struct outbox_message;
 
 struct outbox {
     struct outbox_message *head, *tail;
+    size_t pending;   /* bytes queued and not yet sent */
 };
 
 /* Queues a copy of `length` bytes; `fd`, unless -1, travels with the first of them as
@@ -18,6 +19,9 @@ int outbox_add(struct outbox *box, const void *bytes, size_t length, int fd);
 
 /* True when nothing waits to be sent. */
 int outbox_empty(const struct outbox *box);
+
+/* The number of bytes that wait to be sent. */
+size_t outbox_pending(const struct outbox *box);
 
 /* Sends what the socket takes now (all of it when `wait` is set). Returns 0, or -1 with errno
  * set when the peer is gone. */

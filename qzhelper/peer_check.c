@@ -50,5 +50,6 @@ int helper_accept_client(int socket, struct helper_client *client, char *reason,
     client->pid = peer.pid;
     client->uid = peer.uid;
     client->gid = peer.gid;
+    client->start_time = started;
     return 0;
 }

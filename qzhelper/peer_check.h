@@ -11,6 +11,7 @@ struct helper_client {
     pid_t pid;
     uid_t uid;
     gid_t gid;
+    unsigned long long start_time;   /* of process pid, in clock ticks since boot */
 };
 
 /* Reads the 32-byte authorization block from `socket` and compares it with the peer's

@@ -239,9 +239,19 @@ long server_read(struct server *server, int socket)
     }
 }
 
+int server_wants_input(const struct server *server)
+{
+    return outbox_pending(&server->out) <= HELPER_MAX_PENDING_REPLIES;
+}
+
+int server_has_input(const struct server *server)
+{
+    return server->end > server->start;
+}
+
 void server_handle(struct server *server)
 {
-    for (;;) {
+    while (server_wants_input(server)) {
         const size_t held = server->end - server->start;
         if (held == 0)
             return;

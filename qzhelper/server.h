@@ -14,6 +14,10 @@
 #define HELPER_MAX_REQUEST_LINE (64 * 1024)
 #define HELPER_MAX_REQUEST_DATA (64 * 1024 * 1024)
 
+/* While more reply bytes than this wait for the client, the helper reads no more requests:
+ * a client that sends without reading cannot make it hold ever more memory. */
+#define HELPER_MAX_PENDING_REPLIES (64 * 1024 * 1024)
+
 /* The most descriptors offered to one client that the helper keeps open; the oldest offer is
  * withdrawn (its descriptor closed) to make room for a new one. */
 #define HELPER_MAX_HELD_DESCRIPTORS 64
@@ -44,7 +48,14 @@ void server_free(struct server *server);
  * or -1 with errno set. */
 long server_read(struct server *server, int socket);
 
-/* Handles every complete request received so far, queueing the answers. */
+/* Handles the complete requests received so far, queueing the answers, until more than
+ * HELPER_MAX_PENDING_REPLIES bytes of answers wait. */
 void server_handle(struct server *server);
+
+/* True while the answers waiting allow reading more requests. */
+int server_wants_input(const struct server *server);
+
+/* True when a complete request or part of one has been received and not yet handled. */
+int server_has_input(const struct server *server);
 
 #endif /* QZHELPER_SERVER_H */

@@ -88,14 +88,14 @@ inline bool hasNoChildren()
     return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
 }
 
-// Runs `body` in a forked child that dropped to user and group 65534; returns its exit
+// Runs `body` in a forked child that dropped to user and group `user`; returns its exit
 // status (the value `body` returned), or -1 when it did not exit normally. Fork before the
 // parent starts a helper: the child must not inherit a running connection.
-inline int runAsNobody(const std::function<int()> &body)
+inline int runAsUser(uid_t user, const std::function<int()> &body)
 {
     const pid_t child = fork();
     if (child == 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
+        if (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0)
             _exit(120);
         _exit(body());
     }
@@ -103,6 +103,12 @@ inline int runAsNobody(const std::function<int()> &body)
     if (child < 0 || waitpid(child, &status, 0) != child)
         return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The same as user and group 65534.
+inline int runAsNobody(const std::function<int()> &body)
+{
+    return runAsUser(kNobody, body);
 }
 
 } // namespace qztest

@@ -1,7 +1,9 @@
 // The reference helper, through the library as root and from a child that dropped root (with
-// a set-user-id stand-in for pkexec), through qzutil, and by hand over a socket pair: its
-// commands, its answers to garbage, and its checks of who runs it and who talks to it.
+// a set-user-id stand-in for pkexec and polkit allowing), through qzutil, and by hand over a
+// socket pair: its commands, its answers to garbage, and its checks of who runs it and who
+// talks to it.
 #include "HelperTestSupport.h"
+#include "PolkitEnvironment.h"
 #include "support/QzutilRunner.h"
 
 #include <QZApp/helper/helper_command.h>
@@ -101,16 +103,15 @@ TEST(ReferenceHelper, OffersADescriptorUntilTheCommandIsAborted)
     EXPECT_EQ(helperDescriptors(), before);
 }
 
-// The deployment shape: a client without privileges, and beside a copy of the helper a
-// set-user-id launcher that runs it as root. Chown and unlink never follow a final link; the
-// C interface also works from C.
+// The deployment shape: a client without privileges, and beside the helper a set-user-id
+// launcher that runs it as root; polkit allows the client. Chown and unlink never follow a
+// final link; the C interface also works from C.
 TEST(ReferenceHelper, DoesForAnUnprivilegedClientWhatOnlyRootMay)
 {
+    const qztest::PolkitEnvironment polkit;
+    ASSERT_EQ(polkit.failure(), QByteArray());
     Workspace workspace;
-    const QByteArray launcher = workspace.path("launcher");
-    ASSERT_TRUE(QFile::copy(QStringLiteral(QZHELPER_PATH), QFile::decodeName(workspace.path("qzhelper"))));
-    ASSERT_TRUE(QFile::copy(QStringLiteral(ROOT_LAUNCHER_PATH), QFile::decodeName(launcher)));
-    ASSERT_EQ(chmod(launcher.constData(), 04755), 0);
+    const QByteArray launcher = qztest::SafeLauncherFolder::rootLauncher();
     const QByteArray secret = workspace.write("secret", "for root only", 0600), link = workspace.path("link");
     ASSERT_EQ(symlink(secret.constData(), link.constData()), 0);
     ASSERT_EQ(mkdir(workspace.path("closed").constData(), 0755), 0);
@@ -245,8 +246,10 @@ TEST(ReferenceHelper, RefusesOtherClientsAndToRunSetUserId)
         EXPECT_TRUE(run.errors.startsWith("qzhelper: authorization block ")) << run.errors.toStdString();
     }
 
-    Workspace workspace;
-    const QByteArray copy = workspace.path("setuid-helper");
+    // Set-user-id only where nobody else can replace it.
+    const qztest::SafeLauncherFolder folder;
+    ASSERT_EQ(folder.failure(), QByteArray());
+    const QByteArray copy = qztest::SafeLauncherFolder::folder() + "/setuid-helper";
     ASSERT_TRUE(QFile::copy(QStringLiteral(QZHELPER_PATH), QFile::decodeName(copy)));
     ASSERT_EQ(chmod(copy.constData(), 04755), 0);
     const HelperRun run = runHelper(copy, QByteArray(), [] {

@@ -1,5 +1,5 @@
-/* A stand-in for pkexec in the tests: copied set-user-id root beside a copy of the helper, it
- * becomes root in full (real, effective and saved user and group) and runs "qzhelper" from its
+/* A stand-in for pkexec in the tests: copied set-user-id root beside a copy of the helper, in a
+ * folder that only root may write to (as is every folder above it), it becomes root in full (real, effective and saved user and group) and runs "qzhelper" from its
  * own folder, with the caller's standard input, output and error. */
 #include <libgen.h>
 #include <limits.h>

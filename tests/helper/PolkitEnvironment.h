@@ -1,0 +1,57 @@
+// Where the reference helper runs as root for an unprivileged client in the tests, in a private
+// mount namespace of the test process:
+//  - SafeLauncherFolder: /usr/libexec is replaced by a root-owned tmpfs (0755) that mirrors the
+//    real one and adds qzapp/ (0755) with the helper (0755), the tests' set-user-id launcher
+//    (04755) and the packaged pkexec launcher (0755), so that nothing a set-user-id file runs
+//    can be replaced by another user;
+//  - PolkitEnvironment: that, plus a system bus and polkitd of their own: a tmpfs over /run/dbus,
+//    `dbus-daemon --system`, the helper's policy over /usr/share/polkit-1/actions and a rules
+//    file that allows user nobody and denies user daemon over /etc/polkit-1/rules.d.
+// Leaving restores the test process's own mount namespace.
+#pragma once
+
+#include <QByteArray>
+
+#include <sys/types.h>
+
+namespace qztest {
+
+// The user the rules allow and the one they deny.
+constexpr uid_t kAllowedUser = 65534;   // nobody
+constexpr uid_t kDeniedUser = 1;        // daemon
+
+class SafeLauncherFolder
+{
+public:
+    SafeLauncherFolder();
+    virtual ~SafeLauncherFolder();
+    SafeLauncherFolder(const SafeLauncherFolder &) = delete;
+    SafeLauncherFolder &operator=(const SafeLauncherFolder &) = delete;
+
+    // Empty when everything is in place; otherwise why not.
+    const QByteArray &failure() const { return m_failure; }
+
+    static QByteArray folder() { return "/usr/libexec/qzapp"; }
+    static QByteArray helper() { return folder() + "/qzhelper"; }
+    static QByteArray rootLauncher() { return folder() + "/qz_root_launcher"; }
+    static QByteArray pkexecLauncher() { return folder() + "/helper-launcher"; }
+
+protected:
+    void fail(const QByteArray &why);
+    int m_previousNamespace = -1;
+    QByteArray m_failure;
+};
+
+class PolkitEnvironment : public SafeLauncherFolder
+{
+public:
+    // `busPolicy`, when given, is the system bus's only extra configuration file (over
+    // /etc/dbus-1/system.d), for a service of the caller's own.
+    explicit PolkitEnvironment(const QByteArray &busPolicy = QByteArray());
+    ~PolkitEnvironment() override;
+
+private:
+    pid_t m_bus = -1, m_polkitd = -1;
+};
+
+} // namespace qztest
