@@ -106,14 +106,24 @@ static bool open_source(struct copy_record *record, unsigned char type_hint)
     }
     record->source_fd = fd;
     record->source_path_only = true;
-    /* A folder's entries and metadata want it open for reading: the same folder through ".". */
+    /* A folder's entries and a file's data want it open for reading: the same folder through
+     * ".", the file by its name again if that still names the same file. */
+    int readable = -1;
     if (S_ISDIR(record->status.stx_mode)) {
-        const int readable = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (readable >= 0) {
-            close(fd);
-            record->source_fd = readable;
-            record->source_path_only = false;
+        readable = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    } else if (S_ISREG(record->status.stx_mode)) {
+        readable = openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        struct statx again;
+        if (readable >= 0 && (statx(readable, "", AT_EMPTY_PATH, STATX_INO, &again) < 0
+                              || !utils_same_object(&again, &record->status))) {
+            close(readable);
+            readable = -1;
         }
+    }
+    if (readable >= 0) {
+        close(fd);
+        record->source_fd = readable;
+        record->source_path_only = false;
     }
     return true;
 }
@@ -252,11 +262,14 @@ static bool make_folder(struct copy_record *record)
         utils_report_path(destination, UTILS_SITE_COPY_FOLDER_STATUS);
         return false;
     }
-    if (reused && !record->destination_path_only) {
-        if (status.stx_attributes & STATX_ATTR_IMMUTABLE)
-            (void)utils_clear_immutable(record->destination_fd);
+    if (reused) {
+        const int fd = record->destination_fd;
+        const mode_t writable = (status.stx_mode & 07777) | S_IWUSR;
+        char via[UTILS_FD_PATH_ROOM];
+        if ((status.stx_attributes & STATX_ATTR_IMMUTABLE) && !record->destination_path_only)
+            (void)utils_clear_immutable(fd);
         if (!record->superuser && !(status.stx_mode & S_IWUSR))
-            (void)fchmod(record->destination_fd, (status.stx_mode & 07777) | S_IWUSR);
+            (void)(record->destination_path_only ? chmod(utils_fd_path(fd, via), writable) : fchmod(fd, writable));
     }
     record->destination_device = utils_device_number(makedev(status.stx_dev_major, status.stx_dev_minor));
     record->current = (struct known_owner) { true, status.stx_uid, status.stx_gid };
