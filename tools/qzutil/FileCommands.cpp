@@ -17,6 +17,8 @@
 #include <tuple>
 #include <vector>
 
+#include <sys/stat.h>
+
 namespace qzutil {
 namespace {
 
@@ -58,14 +60,33 @@ int copy(const Invocation &invocation)
     return Success;
 }
 
+// Whether `path` names the root folder, however spelled ("/", "//", "/tmp/..").
+bool namesRootFolder(const QByteArray &path)
+{
+    QByteArray folder = path;
+    while (folder.size() > 1 && folder.endsWith('/'))
+        folder.chop(1);
+    struct stat named {}, root {};
+    return lstat(folder.constData(), &named) == 0 && stat("/", &root) == 0 && named.st_dev == root.st_dev
+        && named.st_ino == root.st_ino;
+}
+
 int remove(const Invocation &invocation)
 {
     const QStringList &arguments = invocation.operands();
     if (arguments.size() != 1)
         return usage("delete");
-    if (delete_file_object(invocation.operandBytes().front().constData()) < 0)
-        return fail(QStringLiteral("cannot delete %1: %2").arg(arguments.front(), systemError(errno)));
-    return Success;
+    const QByteArray &path = invocation.operandBytes().front();
+    if (delete_file_object(path.constData()) == 0)
+        return Success;
+    const int error = errno;
+    // The two refusals, said plainly: the library's line only names the error.
+    if (error == EPERM && namesRootFolder(path))
+        return fail(QStringLiteral("cannot delete %1: it is the root folder, which is never deleted").arg(arguments.front()));
+    if (error == EXDEV)
+        return fail(QStringLiteral("cannot delete %1 completely: another file system is mounted inside it, "
+                                   "and a delete never enters one").arg(arguments.front()));
+    return fail(QStringLiteral("cannot delete %1: %2").arg(arguments.front(), systemError(error)));
 }
 
 int run(const Invocation &invocation)
@@ -151,7 +172,8 @@ QZUTIL_COMMAND(.name = "copy", .usage = "[--recursive] [--keep-going] [--owner U
 QZUTIL_COMMAND(.name = "delete", .usage = "PATH", .summary = "delete a file or folder and everything beneath it",
                .run = remove,
                .operands = { { "PATH", "the object to delete; immutable flags are cleared and owner write\n"
-                                       "permission added to folders on the way" } });
+                                       "permission added to folders on the way. The root folder is never\n"
+                                       "deleted, and other file systems mounted inside are not entered" } });
 QZUTIL_COMMAND(.name = "run", .usage = "PROGRAM [ARG...]", .summary = "run a program (by path) and print its exit status",
                .run = run,
                .operands = { { "PROGRAM", "the program's path (not searched for along PATH); it runs with an\n"

@@ -4,7 +4,13 @@
  * order (extended attributes, access control lists, owner and group, the attribute list). A
  * failure after the destination was touched deletes it again, unless the failure's errno is
  * EEXIST; each failing step reports its own line, innermost first, and errno stays the failing
- * step's. */
+ * step's.
+ *
+ * The two named paths are resolved as the system resolves them up to their last component, which
+ * is never followed. Below them the copy goes by descriptor: each object is found by its name in
+ * an open folder without following a link, opened once, and every later step works on that
+ * descriptor. A folder of either tree swapped for a link while the copy goes on therefore makes
+ * that entry fail (or copies the link as a link); it never leads the copy out of the two trees. */
 #include "utils_private.h"
 
 #include <dirent.h>
@@ -18,6 +24,9 @@
 
 #define LINK_ROOM_STEP 256
 #define LINK_ROOM_MAX 0xFFFFF
+#define STATUS_WANTED (STATX_BASIC_STATS)
+/* How far up the destination's folders the check for a copy into itself looks. */
+#define ANCESTORS_MAX 4096
 
 /* What stays the same through one copy_file call. */
 struct copy_context {
@@ -25,48 +34,156 @@ struct copy_context {
     bool superuser;
 };
 
-static bool copy_object(const struct copy_context *context, const char *source, const char *destination,
+/* Where an object of the copy is: the folder holding it (-1 when the folder of a named path
+ * could not be opened, with the cause in `error`), its name there and its report text. */
+struct place {
+    int folder;
+    const char *name;
+    const char *path;
+    int error;
+};
+
+static bool copy_object(const struct copy_context *context, const struct place *from, const struct place *to,
                         int32_t destination_device, unsigned char type_hint);
 
 bool copy_file(const char *source, const char *destination, const copy_file_options *options)
 {
     const struct copy_context context = { options, geteuid() == 0 };
-    return copy_object(&context, source, destination, -1, DT_UNKNOWN);
+    struct named_object named_source, named_destination;
+    struct place from = { -1, NULL, source, 0 }, to = { -1, NULL, destination, 0 };
+    if (utils_open_named(source, &named_source) == 0) {
+        from.folder = named_source.folder;
+        from.name = named_source.name;
+    } else {
+        from.error = errno;
+        named_source.text = NULL;
+        named_source.folder = AT_FDCWD;
+    }
+    if (utils_open_named(destination, &named_destination) == 0) {
+        to.folder = named_destination.folder;
+        to.name = named_destination.name;
+    } else {
+        to.error = errno;
+        named_destination.text = NULL;
+        named_destination.folder = AT_FDCWD;
+    }
+    const bool ok = copy_object(&context, &from, &to, -1, DT_UNKNOWN);
+    utils_close_named(&named_source);
+    utils_close_named(&named_destination);
+    return ok;
 }
 
-/* Runs `make` on the destination; when something is in the way (EEXIST), deletes it and, if
- * that worked, runs `make` once more. Reports `site` when it still fails. */
-static bool make_replacing(const char *destination, int (*make)(const char *, mode_t, dev_t), mode_t mode,
-                           dev_t device, unsigned site)
+/* Opens the source object without following a link and without blocking and reads its status,
+ * once for the whole copy of the object. A regular file or folder is opened for reading where
+ * that is allowed; anything else, and what may not be read, is held path-only. The folder's
+ * listing says what an entry was: for a file or folder one open is tried first. False with errno. */
+static bool open_source(struct copy_record *record, unsigned char type_hint)
 {
-    int result = make(destination, mode, device);
-    if (result < 0 && errno == EEXIST && delete_file_object(destination) == 0)
-        result = make(destination, mode, device);
-    if (result < 0) {
-        utils_report_path(destination, site);
+    const int folder = record->source_folder;
+    const char *name = record->source_name;
+    int fd = -1;
+    if (type_hint == DT_REG || type_hint == DT_DIR) {
+        fd = openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC
+                                          | (type_hint == DT_DIR ? O_DIRECTORY : 0));
+        if (fd >= 0 && (statx(fd, "", AT_EMPTY_PATH, STATUS_WANTED, &record->status) < 0
+                        || !(S_ISREG(record->status.stx_mode) || S_ISDIR(record->status.stx_mode)))) {
+            close(fd);
+            fd = -1;
+        }
+        if (fd >= 0) {
+            record->source_fd = fd;
+            return true;
+        }
+    }
+    fd = openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    if (statx(fd, "", AT_EMPTY_PATH, STATUS_WANTED, &record->status) < 0) {
+        const int saved = errno;
+        close(fd);
+        errno = saved;
+        return false;
+    }
+    record->source_fd = fd;
+    record->source_path_only = true;
+    /* A folder's entries and a file's data want it open for reading: the same folder through
+     * ".", the file by its name again if that still names the same file. */
+    int readable = -1;
+    if (S_ISDIR(record->status.stx_mode)) {
+        readable = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    } else if (S_ISREG(record->status.stx_mode)) {
+        readable = openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        struct statx again;
+        if (readable >= 0 && (statx(readable, "", AT_EMPTY_PATH, STATX_INO, &again) < 0
+                              || !utils_same_object(&again, &record->status))) {
+            close(readable);
+            readable = -1;
+        }
+    }
+    if (readable >= 0) {
+        close(fd);
+        record->source_fd = readable;
+        record->source_path_only = false;
+    }
+    return true;
+}
+
+/* Opens what was just created at the destination, path-only, and checks that it is of `type`:
+ * something else put there meanwhile fails with ELOOP (a link) or EEXIST (anything else), and is
+ * not touched. The caller reports. */
+static bool hold_created(struct copy_record *record, mode_t type)
+{
+    const int fd = openat(record->destination_folder, record->destination_name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    record->destination_fd = fd;
+    record->destination_path_only = true;
+    struct statx created;
+    if (statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_UID | STATX_GID, &created) < 0)
+        return false;
+    if ((created.stx_mode & S_IFMT) != type) {
+        errno = S_ISLNK(created.stx_mode) ? ELOOP : EEXIST;
+        return false;
+    }
+    record->current = (struct known_owner) { true, created.stx_uid, created.stx_gid };
+    return true;
+}
+
+/* Makes a named pipe (`device` unused), device node or socket. */
+static int make_node(const struct copy_record *record, mode_t mode, dev_t device)
+{
+    if (S_ISFIFO(mode))
+        return mkfifoat(record->destination_folder, record->destination_name, mode & 07777);
+    return mknodat(record->destination_folder, record->destination_name, mode, device);
+}
+
+/* Makes the node; when something is in the way (EEXIST), deletes it and, if that worked, makes
+ * it once more. Reports `site` when it still fails. */
+static bool make_replacing(struct copy_record *record, mode_t mode, dev_t device, unsigned site)
+{
+    int result = make_node(record, mode, device);
+    if (result < 0 && errno == EEXIST
+        && utils_delete_at(record->destination_folder, record->destination_name, record->destination) == 0)
+        result = make_node(record, mode, device);
+    if (result < 0 || !hold_created(record, mode & S_IFMT)) {
+        utils_report_path(record->destination, site);
         return false;
     }
     return true;
 }
 
-static int make_fifo(const char *path, mode_t mode, dev_t device)
-{
-    (void)device;
-    return mkfifo(path, mode);
-}
-
-/* Reads the text of the link at `source`, however long, and recreates it at `destination`. */
-static bool copy_link(const char *source, const char *destination)
+/* Reads the text of the source link, however long, and recreates it at the destination. */
+static bool copy_link(struct copy_record *record)
 {
     size_t room = LINK_ROOM_STEP;
     char *text = malloc(room);
     ssize_t length;
     for (;;) {
         if (!text) {
-            utils_report_path(source, UTILS_SITE_COPY_READ_LINK);
+            utils_report_path(record->source, UTILS_SITE_COPY_READ_LINK);
             return false;
         }
-        length = readlink(source, text, room - 1);
+        length = readlinkat(record->source_fd, "", text, room - 1);
         /* Linux cuts a text that does not fit without saying so: a full buffer may be cut. */
         if (length == (ssize_t)(room - 1)) {
             errno = ENAMETOOLONG;
@@ -81,66 +198,97 @@ static bool copy_link(const char *source, const char *destination)
         text = grown;
     }
     if (length < 0) {
-        utils_report_path(source, UTILS_SITE_COPY_READ_LINK);
+        utils_report_path(record->source, UTILS_SITE_COPY_READ_LINK);
         free(text);
         return false;
     }
     text[length] = '\0';
-    int result = symlink(text, destination);
-    if (result < 0 && errno == EEXIST && delete_file_object(destination) == 0)
-        result = symlink(text, destination);
-    if (result < 0)
-        utils_report_path(destination, UTILS_SITE_COPY_MAKE_LINK);
+    const int folder = record->destination_folder;
+    const char *name = record->destination_name;
+    int result = symlinkat(text, folder, name);
+    if (result < 0 && errno == EEXIST && utils_delete_at(folder, name, record->destination) == 0)
+        result = symlinkat(text, folder, name);
+    if (result < 0 || !hold_created(record, S_IFLNK)) {
+        utils_report_path(record->destination, UTILS_SITE_COPY_MAKE_LINK);
+        result = -1;
+    }
     const int saved = errno;
     free(text);
     errno = saved;
     return result == 0;
 }
 
+/* Opens the destination folder, for reading where that is allowed, path-only otherwise. */
+static int open_destination_folder(struct copy_record *record)
+{
+    const int folder = record->destination_folder;
+    const char *name = record->destination_name;
+    int fd = openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    record->destination_path_only = fd < 0 && errno == EACCES;
+    if (record->destination_path_only)
+        fd = openat(folder, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    record->destination_fd = fd;
+    return fd;
+}
+
 /* Creates the destination folder owner-only, or reuses a folder already there (clearing its
  * immutable flag and, for anyone but the superuser, adding owner write permission), or replaces
- * a non-folder. Sets *device to the device of the folder. */
-static bool make_folder(const char *destination, bool superuser, int32_t *device, struct known_owner *current)
+ * a non-folder; then holds it open. Sets the record's destination device to the folder's. */
+static bool make_folder(struct copy_record *record)
 {
-    if (mkdir(destination, 0700) < 0) {
+    const int folder = record->destination_folder;
+    const char *name = record->destination_name;
+    const char *destination = record->destination;
+    bool reused = false;
+    if (mkdirat(folder, name, 0700) < 0) {
         if (errno != EEXIST) {
             utils_report_path(destination, UTILS_SITE_COPY_MAKE_FOLDER);
             return false;
         }
         struct statx existing;
-        if (statx(AT_FDCWD, destination, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_MODE, &existing) < 0) {
+        if (statx(folder, name, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_MODE, &existing) < 0) {
             utils_report_path(destination, UTILS_SITE_COPY_EXISTING_FOLDER);
             return false;
         }
-        if (S_ISDIR(existing.stx_mode)) {
-            if (existing.stx_attributes & STATX_ATTR_IMMUTABLE)
-                (void)utils_clear_immutable(destination);
-            if (!superuser && !(existing.stx_mode & S_IWUSR))
-                (void)chmod(destination, (existing.stx_mode & 07777) | S_IWUSR);
-        } else if (unlink(destination) < 0 || mkdir(destination, 0700) < 0) {
+        reused = S_ISDIR(existing.stx_mode);
+        if (!reused && (unlinkat(folder, name, 0) < 0 || mkdirat(folder, name, 0700) < 0)) {
             utils_report_path(destination, UTILS_SITE_COPY_REPLACE_BY_FOLDER);
             return false;
         }
     }
-    struct stat folder;
-    if (stat(destination, &folder) < 0) {
+    struct statx status;
+    if (open_destination_folder(record) < 0
+        || statx(record->destination_fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS, &status) < 0) {
         utils_report_path(destination, UTILS_SITE_COPY_FOLDER_STATUS);
         return false;
     }
-    *device = utils_device_number(folder.st_dev);
-    *current = (struct known_owner) { true, folder.st_uid, folder.st_gid };
+    if (reused) {
+        const int fd = record->destination_fd;
+        const mode_t writable = (status.stx_mode & 07777) | S_IWUSR;
+        char via[UTILS_FD_PATH_ROOM];
+        if ((status.stx_attributes & STATX_ATTR_IMMUTABLE) && !record->destination_path_only)
+            (void)utils_clear_immutable(fd);
+        if (!record->superuser && !(status.stx_mode & S_IWUSR))
+            (void)(record->destination_path_only ? chmod(utils_fd_path(fd, via), writable) : fchmod(fd, writable));
+    }
+    record->destination_device = utils_device_number(makedev(status.stx_dev_major, status.stx_dev_minor));
+    record->current = (struct known_owner) { true, status.stx_uid, status.stx_gid };
     return true;
 }
 
-/* Copies the entries of the folder `source` into `destination` on the volume `device`. */
-static bool copy_entries(const struct copy_context *context, const char *source, const char *destination,
-                         int32_t device)
+/* Copies the entries of the source folder into the destination folder, both held by the record. */
+static bool copy_entries(const struct copy_context *context, const struct copy_record *record)
 {
     bool ok = false;
     char *source_path = NULL, *destination_path = NULL;
-    DIR *folder = opendir(source);
+    /* A stream of its own, so that the folder's descriptor stays the record's. */
+    const int fd = record->source_path_only ? openat(record->source_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                                            : fcntl(record->source_fd, F_DUPFD_CLOEXEC, 0);
+    DIR *folder = fd >= 0 ? fdopendir(fd) : NULL;
     if (!folder) {
-        utils_report_path(source, UTILS_SITE_COPY_OPEN_FOLDER);
+        utils_report_path(record->source, UTILS_SITE_COPY_OPEN_FOLDER);
+        if (fd >= 0)
+            close(fd);
         return false;
     }
     source_path = malloc(UTILS_PATH_ROOM);
@@ -153,14 +301,25 @@ static bool copy_entries(const struct copy_context *context, const char *source,
         utils_report_error(UTILS_SITE_COPY_DESTINATION_BUFFER);
         goto out;
     }
-    const size_t source_base = utils_path_start(source_path, source);
-    const size_t destination_base = utils_path_start(destination_path, destination);
+    const size_t source_base = utils_path_start(source_path, record->source);
+    const size_t destination_base = utils_path_start(destination_path, record->destination);
+    const bool keep_going = record->options->flags & COPY_FILE_KEEP_GOING;
     const struct dirent *entry;
-    while ((entry = utils_next_entry(folder, source, UTILS_SITE_COPY_READ_ENTRY))) {
-        utils_path_put_name(source_path, source_base, entry->d_name);
-        utils_path_put_name(destination_path, destination_base, entry->d_name);
-        if (!copy_object(context, source_path, destination_path, device, entry->d_type)
-            && !(context->options->flags & COPY_FILE_KEEP_GOING)) {
+    while ((entry = utils_next_entry(folder, record->source, UTILS_SITE_COPY_READ_ENTRY))) {
+        bool copied;
+        /* An entry whose paths do not fit is not copied: its reports and the filter could not
+         * name it. */
+        const bool source_whole = utils_path_put_name(source_path, source_base, entry->d_name);
+        if (!source_whole || !utils_path_put_name(destination_path, destination_base, entry->d_name)) {
+            errno = ENAMETOOLONG;
+            utils_report_path(source_whole ? destination_path : source_path, UTILS_SITE_COPY_SOURCE_STATUS);
+            copied = false;
+        } else {
+            const struct place from = { dirfd(folder), entry->d_name, source_path, 0 };
+            const struct place to = { record->destination_fd, entry->d_name, destination_path, 0 };
+            copied = copy_object(context, &from, &to, record->destination_device, entry->d_type);
+        }
+        if (!copied && !keep_going) {
             utils_report_error(UTILS_SITE_COPY_ENTRY);
             goto out;
         }
@@ -177,105 +336,167 @@ out:;
     return ok;
 }
 
-/* Closes the descriptors a data copy left open; a failing close of the destination (its data
- * may not have reached the volume) fails the copy when nothing else had. */
-static bool close_pair(struct copy_pair *pair, bool ok)
+/* Closes the record's descriptors; a failing close of a regular file's destination (its data may
+ * not have reached the volume) fails the copy when nothing else had. */
+static bool close_record(struct copy_record *record, bool ok)
 {
     int saved = errno;
-    if (pair->destination_fd >= 0 && close(pair->destination_fd) < 0 && ok) {
-        utils_report_path(pair->destination, UTILS_SITE_DATA_WRITE);
+    if (record->destination_fd >= 0 && close(record->destination_fd) < 0 && ok
+        && S_ISREG(record->status.stx_mode) && !record->destination_path_only) {
+        utils_report_path(record->destination, UTILS_SITE_DATA_WRITE);
         ok = false;
         saved = errno;
     }
-    if (pair->source_fd >= 0)
-        close(pair->source_fd);
-    pair->source_fd = pair->destination_fd = -1;
+    if (record->source_fd >= 0)
+        close(record->source_fd);
+    record->source_fd = record->destination_fd = -1;
     errno = saved;
     return ok;
 }
 
-/* Opens a source that its folder listed as a regular file and reads its status from the
- * descriptor, which saves looking its path up twice more. -1 when it is not one after all, or
- * cannot be opened: the caller then takes the usual way, which reports what is wrong. */
-static int open_listed_file(const char *source, struct statx *status)
+/* Whether the destination is the source folder or lies below it: going up through ".." from the
+ * destination, or from its folder when it is not a folder yet, meets the source. */
+static bool inside_source(const struct copy_record *record)
 {
-    const int fd = open(source, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
-    if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS, status) < 0 || !S_ISREG(status->stx_mode)) {
-        close(fd);
-        return -1;
+    int current = openat(record->destination_folder, record->destination_name,
+                         O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (current < 0)
+        current = openat(record->destination_folder, ".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    bool inside = false;
+    struct statx below = { 0 }, here;
+    for (int level = 0; current >= 0 && level < ANCESTORS_MAX; level++) {
+        if (statx(current, "", AT_EMPTY_PATH, STATX_INO, &here) < 0 || (level > 0 && utils_same_object(&here, &below)))
+            break;   /* at the root, ".." is the root again */
+        if (utils_same_object(&here, &record->status)) {
+            inside = true;
+            break;
+        }
+        const int up = openat(current, "..", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        close(current);
+        current = up;
+        below = here;
     }
-    return fd;
+    if (current >= 0)
+        close(current);
+    return inside;
 }
 
-static bool copy_object(const struct copy_context *context, const char *source, const char *destination,
+/* The site of the step that creates an object of `type` at the destination. */
+static unsigned creation_site(mode_t type)
+{
+    switch (type) {
+    case S_IFIFO:
+        return UTILS_SITE_COPY_MAKE_PIPE;
+    case S_IFDIR:
+        return UTILS_SITE_COPY_MAKE_FOLDER;
+    case S_IFREG:
+        return UTILS_SITE_DATA_OPEN;
+    case S_IFLNK:
+        return UTILS_SITE_COPY_MAKE_LINK;
+    default:
+        return UTILS_SITE_COPY_MAKE_NODE;
+    }
+}
+
+static bool copy_object(const struct copy_context *context, const struct place *from, const struct place *to,
                         int32_t destination_device, unsigned char type_hint)
 {
     const copy_file_options *options = context->options;
-    if (options && options->filter && !options->filter(options->context, source, options, destination_device))
+    if (options && options->filter && !options->filter(options->context, from->path, options, destination_device))
         return true;
 
-    struct statx status;
-    const int source_fd = type_hint == DT_REG ? open_listed_file(source, &status) : -1;
-    if (source_fd < 0 && statx(AT_FDCWD, source, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) < 0) {
-        utils_report_path(source, UTILS_SITE_COPY_SOURCE_STATUS);
+    struct copy_record record = {
+        .source = from->path,
+        .destination = to->path,
+        .source_folder = from->folder,
+        .destination_folder = to->folder,
+        .source_name = from->name,
+        .destination_name = to->name,
+        .source_fd = -1,
+        .destination_fd = -1,
+        .destination_device = destination_device,
+        .superuser = context->superuser,
+        .options = options,
+    };
+    if (from->folder == -1)
+        errno = from->error;
+    if (from->folder == -1 || !open_source(&record, type_hint)) {
+        utils_report_path(from->path, UTILS_SITE_COPY_SOURCE_STATUS);
         return false;
     }
-    const dev_t source_volume = makedev(status.stx_dev_major, status.stx_dev_minor);
-    const mode_t type = status.stx_mode & S_IFMT;
-    struct copy_pair pair = { source, destination, source_fd, -1 };
-    struct known_owner current = { false, 0, 0 };
-    int32_t device = destination_device;
+    const struct statx *status = &record.status;
+    const dev_t source_volume = makedev(status->stx_dev_major, status->stx_dev_minor);
+    const mode_t type = status->stx_mode & S_IFMT;
+    record.source_device = utils_device_number(source_volume);
+    /* Only the superuser gives a copy away; anyone else's copy is theirs. */
+    record.owner = !context->superuser ? geteuid()
+                 : options && (options->flags & COPY_FILE_OWNER) ? (uid_t)options->owner : status->stx_uid;
+    record.group = !context->superuser ? getgid()
+                 : options && (options->flags & COPY_FILE_GROUP) ? (gid_t)options->group : status->stx_gid;
+
+    bool refused = false;
+    if (type != S_IFIFO && type != S_IFCHR && type != S_IFBLK && type != S_IFSOCK && type != S_IFDIR
+        && type != S_IFREG && type != S_IFLNK) {
+        errno = ENOTSUP;
+        utils_report_path(from->path, UTILS_SITE_COPY_UNSUPPORTED_TYPE);
+        refused = true;
+    } else if (to->folder == -1) {
+        errno = to->error;
+        utils_report_path(to->path, creation_site(type));
+        if (type == S_IFREG)
+            utils_report_error(UTILS_SITE_COPY_DATA);
+        refused = true;
+    } else if (type == S_IFDIR && destination_device < 0 && inside_source(&record)) {
+        /* A folder copied into itself or below itself would never end. */
+        errno = EINVAL;
+        utils_report_path(to->path, UTILS_SITE_COPY_MAKE_FOLDER);
+        refused = true;
+    }
+    if (refused) {   /* nothing was touched */
+        close_record(&record, false);
+        return false;
+    }
+
     bool created = false;
     switch (type) {
     case S_IFIFO:
-        created = make_replacing(destination, make_fifo, 0600, 0, UTILS_SITE_COPY_MAKE_PIPE);
+        created = make_replacing(&record, S_IFIFO | 0600, 0, UTILS_SITE_COPY_MAKE_PIPE);
         break;
     case S_IFCHR:
     case S_IFBLK:
     case S_IFSOCK:
         /* The node's device argument is the device of the volume holding the source. */
-        created = make_replacing(destination, mknod, type | 0600, source_volume, UTILS_SITE_COPY_MAKE_NODE);
+        created = make_replacing(&record, type | 0600, source_volume, UTILS_SITE_COPY_MAKE_NODE);
         break;
     case S_IFDIR:
-        created = make_folder(destination, context->superuser, &device, &current)
-                && (!options || !(options->flags & COPY_FILE_RECURSIVE)
-                    || copy_entries(context, source, destination, device));
+        created = make_folder(&record)
+                && (!options || !(options->flags & COPY_FILE_RECURSIVE) || copy_entries(context, &record));
         break;
     case S_IFREG:
         /* Linux files have no resource fork (the fork path of a regular file names nothing), so
-         * the data stream is all there is. Its descriptors stay open for the metadata. */
-        created = utils_copy_data_stream(source_fd, source, destination, &pair, &current);
+         * the data stream is all there is. */
+        created = utils_copy_data_stream(&record);
         if (!created)
             utils_report_error(UTILS_SITE_COPY_DATA);
         break;
     case S_IFLNK:
-        created = copy_link(source, destination);
+        created = copy_link(&record);
         break;
-    default:
-        errno = ENOTSUP;
-        utils_report_path(source, UTILS_SITE_COPY_UNSUPPORTED_TYPE);
-        return false;   /* nothing was touched */
     }
 
     bool ok = false;
     if (created) {
         struct xattr_listing listing;
-        uid_t owner;
-        gid_t group;
-        ok = utils_copy_extended_attributes(&pair, &listing)
-                && (type == S_IFLNK || utils_copy_access_control_lists(&pair, type == S_IFDIR, &listing))
-                && utils_copy_owner(&pair, context->superuser, status.stx_uid, status.stx_gid, device, &current,
-                                    options, &owner, &group)
-                && utils_copy_attribute_list(&pair, context->superuser, utils_device_number(source_volume), device,
-                                             owner, group);
+        ok = utils_copy_extended_attributes(&record, &listing)
+                && (type == S_IFLNK || utils_copy_access_control_lists(&record, &listing))
+                && utils_copy_owner(&record)
+                && utils_copy_attribute_list(&record);
     }
-    ok = close_pair(&pair, ok);
+    ok = close_record(&record, ok);
     if (!ok) {
         const int saved = errno;
         if (saved != EEXIST)
-            (void)delete_file_object(destination);
+            (void)utils_delete_at(to->folder, to->name, to->path);
         errno = saved;
     }
     return ok;

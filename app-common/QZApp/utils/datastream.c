@@ -13,28 +13,48 @@
 /* Opens the destination for the data, created with mode 0600. A regular file in the way is
  * truncated and overwritten; anything else in the way (a folder, link, device, pipe), and a file
  * that cannot be opened (immutable, no permission), is deleted first. The source itself (the
- * same path, or a hard link to it) is never truncated: that fails with EEXIST, which also keeps
- * the clean-up from deleting it. The descriptor, or -1 after reporting UTILS_SITE_DATA_OPEN. */
-static int open_destination(const char *destination, const struct stat *source)
+ * same name, or a hard link to it) is never truncated: that fails with EEXIST, which also keeps
+ * the clean-up from deleting it. The file is checked after it was opened, never before only, so
+ * that nothing swapped in meanwhile is truncated. The descriptor, or -1 after reporting
+ * UTILS_SITE_DATA_OPEN. */
+static int open_destination(const struct copy_record *record)
 {
-    int fd = open(destination, CREATE_FLAGS, 0600);
+    const int folder = record->destination_folder;
+    const char *name = record->destination_name;
+    int fd = openat(folder, name, CREATE_FLAGS, 0600);
     if (fd >= 0 || errno != EEXIST)
         goto out;
-    struct stat existing;
-    if (lstat(destination, &existing) == 0 && S_ISREG(existing.st_mode)) {
-        if (existing.st_dev == source->st_dev && existing.st_ino == source->st_ino) {
+    struct statx existing;
+    if (statx(folder, name, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_INO, &existing) == 0
+        && S_ISREG(existing.stx_mode)) {
+        if (utils_same_object(&existing, &record->status)) {
             errno = EEXIST;
             goto out;
         }
-        fd = open(destination, O_RDWR | O_TRUNC | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
-        if (fd >= 0 || (errno != EPERM && errno != EACCES))
+        fd = openat(folder, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (fd < 0 && errno != EPERM && errno != EACCES && errno != ELOOP)
             goto out;
+        if (fd >= 0) {
+            struct statx opened;
+            const bool same = statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &opened) == 0
+                    && S_ISREG(opened.stx_mode) && utils_same_object(&opened, &existing);
+            if (same && ftruncate(fd, 0) == 0)
+                goto out;
+            const int saved = errno;
+            close(fd);
+            fd = -1;
+            if (same) {   /* it could not be truncated */
+                errno = saved;
+                goto out;
+            }
+            /* something else was put there meanwhile: it goes, as anything else in the way */
+        }
     }
-    if (delete_file_object(destination) == 0)
-        fd = open(destination, CREATE_FLAGS, 0600);
+    if (utils_delete_at(folder, name, record->destination) == 0)
+        fd = openat(folder, name, CREATE_FLAGS, 0600);
 out:
     if (fd < 0)
-        utils_report_path(destination, UTILS_SITE_DATA_OPEN);
+        utils_report_path(record->destination, UTILS_SITE_DATA_OPEN);
     return fd;
 }
 
@@ -94,37 +114,47 @@ out:;
     return ok;
 }
 
-bool utils_copy_data_stream(int source_fd, const char *source, const char *destination, struct copy_pair *kept,
-                            struct known_owner *current)
+/* The source open for reading: the record's descriptor, or the object it holds path-only
+ * opened again through its magic link (the same object, whatever its name is now). */
+static int readable_source(struct copy_record *record)
 {
-    bool ok = false;
-    int in = source_fd, out = -1;
-    if (in < 0) {
-        in = open(source, O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
-        if (in < 0)
-            return false;
-    }
-    struct stat status;
-    if (fstat(in, &status) < 0)
-        goto out;
-    out = open_destination(destination, &status);
+    if (!record->source_path_only)
+        return record->source_fd;
+    char via[UTILS_FD_PATH_ROOM];
+    const int fd = open(utils_fd_path(record->source_fd, via), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    close(record->source_fd);
+    record->source_fd = fd;
+    record->source_path_only = false;
+    return fd;
+}
+
+bool utils_copy_data_stream(struct copy_record *record)
+{
+    const char *source = record->source, *destination = record->destination;
+    const int in = readable_source(record);
+    if (in < 0)
+        return false;
+    const off_t size = (off_t)record->status.stx_size;
+    const int out = open_destination(record);
     if (out < 0)
-        goto out;
-    if (current) {
-        struct stat created;
-        current->known = fstat(out, &created) == 0;
-        current->owner = created.st_uid;
-        current->group = created.st_gid;
-    }
+        return false;
+    record->destination_fd = out;
+    record->destination_path_only = false;
+    struct stat created;
+    record->current.known = fstat(out, &created) == 0;
+    record->current.owner = created.st_uid;
+    record->current.group = created.st_gid;
     /* One piece for the whole size: only worth asking for when the data takes more than one
      * transfer, since a single transfer is laid out in one piece anyway. Its result does not
      * matter. */
-    if (status.st_size > (off_t)UTILS_COPY_BUFFER_MAX)
-        (void)fallocate(out, FALLOC_FL_KEEP_SIZE, 0, status.st_size);
+    if (size > (off_t)UTILS_COPY_BUFFER_MAX)
+        (void)fallocate(out, FALLOC_FL_KEEP_SIZE, 0, size);
 
     /* In the kernel first, at most 8 MiB per call. Whatever stops it (volumes that cannot, or a
      * failure) hands the rest to the buffer, which reports a failure on the side it belongs to. */
-    off_t offset = 0, remaining = status.st_size;
+    off_t offset = 0, remaining = size;
     while (remaining > 0) {
         loff_t in_offset = offset, out_offset = offset;
         const size_t wanted = remaining < (off_t)UTILS_COPY_BUFFER_MAX ? (size_t)remaining : UTILS_COPY_BUFFER_MAX;
@@ -136,23 +166,5 @@ bool utils_copy_data_stream(int source_fd, const char *source, const char *desti
         offset += copied;
         remaining -= copied;
     }
-    if (remaining > 0 && !copy_through_buffer(in, out, source, destination, offset, remaining, (size_t)status.st_size))
-        goto out;
-    ok = true;
-out:;
-    int saved = errno;
-    if (ok && kept) {
-        kept->source_fd = in;
-        kept->destination_fd = out;
-        return true;
-    }
-    if (out >= 0 && close(out) < 0 && ok) {
-        utils_report_path(destination, UTILS_SITE_DATA_WRITE);
-        ok = false;
-        saved = errno;
-    }
-    if (source_fd < 0)
-        close(in);
-    errno = saved;
-    return ok;
+    return remaining <= 0 || copy_through_buffer(in, out, source, destination, offset, remaining, (size_t)size);
 }

@@ -4,6 +4,7 @@
 
 #include <acl/libacl.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/acl.h>
@@ -15,31 +16,42 @@
 #define LIST_ON_STACK 4096
 #define VALUE_ON_STACK 512   /* most values fit; a larger one is read again at its size */
 
-/* The attribute calls on an open descriptor where there is one, else on the path itself. */
-static ssize_t list_attributes(const char *path, int fd, char *list, size_t size)
+/* The attribute calls on a descriptor opened for reading, or through the magic link of a
+ * path-only one (which leads to the object itself, a symbolic link included). */
+struct attribute_object {
+    int fd;
+    const char *via;   /* the magic link, or null */
+    char room[UTILS_FD_PATH_ROOM];
+};
+
+static void attribute_object(struct attribute_object *object, int fd, bool path_only)
 {
-    return fd >= 0 ? flistxattr(fd, list, size) : llistxattr(path, list, size);
+    object->fd = fd;
+    object->via = path_only ? utils_fd_path(fd, object->room) : NULL;
 }
 
-static ssize_t get_attribute(const char *path, int fd, const char *name, void *value, size_t size)
+static ssize_t list_attributes(const struct attribute_object *object, char *list, size_t size)
 {
-    return fd >= 0 ? fgetxattr(fd, name, value, size) : lgetxattr(path, name, value, size);
+    return object->via ? listxattr(object->via, list, size) : flistxattr(object->fd, list, size);
 }
 
-static int set_attribute(const char *path, int fd, const char *name, const void *value, size_t size)
+static ssize_t get_attribute(const struct attribute_object *object, const char *name, void *value, size_t size)
 {
-    return fd >= 0 ? fsetxattr(fd, name, value, size, 0) : lsetxattr(path, name, value, size, 0);
+    return object->via ? getxattr(object->via, name, value, size) : fgetxattr(object->fd, name, value, size);
+}
+
+static int set_attribute(const struct attribute_object *object, const char *name, const void *value, size_t size)
+{
+    return object->via ? setxattr(object->via, name, value, size, 0) : fsetxattr(object->fd, name, value, size, 0);
 }
 
 /* Lists the names of the source's attributes into *names (the stack buffer `stack`, or a heap
  * block the caller frees). The list's length, or -1 after a report. 0 when there is nothing to
  * do (no attributes, or none supported). */
-static ssize_t list_names(const struct copy_pair *pair, char *stack, char **names)
+static ssize_t list_names(const struct attribute_object *source, char *stack, char **names)
 {
-    const char *source = pair->source;
-    const int fd = pair->source_fd;
     *names = stack;
-    ssize_t size = list_attributes(source, fd, stack, LIST_ON_STACK);
+    ssize_t size = list_attributes(source, stack, LIST_ON_STACK);
     if (size >= 0)
         return size;
     if (errno == ENOTSUP || errno == EPERM)
@@ -48,7 +60,7 @@ static ssize_t list_names(const struct copy_pair *pair, char *stack, char **name
         utils_report_error(UTILS_SITE_XATTR_LIST);
         return -1;
     }
-    size = list_attributes(source, fd, NULL, 0);
+    size = list_attributes(source, NULL, 0);
     if (size < 0) {
         if (errno == ENOTSUP || errno == EPERM)
             return 0;
@@ -60,7 +72,7 @@ static ssize_t list_names(const struct copy_pair *pair, char *stack, char **name
         utils_report_error(UTILS_SITE_XATTR_ALLOCATE);
         return -1;
     }
-    size = list_attributes(source, fd, *names, (size_t)size);
+    size = list_attributes(source, *names, (size_t)size);
     if (size < 0) {
         utils_report_error(UTILS_SITE_XATTR_LIST_AGAIN);
         free(*names);
@@ -73,12 +85,13 @@ static ssize_t list_names(const struct copy_pair *pair, char *stack, char **name
 /* Copies one attribute's whole value, read into `stack` or, when larger, a heap block of its
  * size. An empty value is not written; a name the destination cannot take (ENOTSUP, or EPERM
  * outside the user namespace) is skipped. */
-static bool copy_one_attribute(const struct copy_pair *pair, const char *name, char *stack)
+static bool copy_one_attribute(const struct attribute_object *source, const struct attribute_object *destination,
+                               const char *name, char *stack)
 {
     char *value = stack;
-    ssize_t length = get_attribute(pair->source, pair->source_fd, name, value, VALUE_ON_STACK);
+    ssize_t length = get_attribute(source, name, value, VALUE_ON_STACK);
     while (length < 0 && errno == ERANGE) {
-        const ssize_t needed = get_attribute(pair->source, pair->source_fd, name, NULL, 0);
+        const ssize_t needed = get_attribute(source, name, NULL, 0);
         if (needed < 0)
             break;
         if (value != stack)
@@ -86,10 +99,10 @@ static bool copy_one_attribute(const struct copy_pair *pair, const char *name, c
         value = malloc(needed > 0 ? (size_t)needed : 1);
         if (!value)
             return false;
-        length = get_attribute(pair->source, pair->source_fd, name, value, (size_t)needed);
+        length = get_attribute(source, name, value, (size_t)needed);
     }
     bool ok = length >= 0;
-    if (length > 0 && set_attribute(pair->destination, pair->destination_fd, name, value, (size_t)length) < 0)
+    if (length > 0 && set_attribute(destination, name, value, (size_t)length) < 0)
         ok = errno == ENOTSUP || (errno == EPERM && strncmp(name, "user.", 5) != 0);
     if (value != stack) {
         const int saved = errno;
@@ -99,14 +112,17 @@ static bool copy_one_attribute(const struct copy_pair *pair, const char *name, c
     return ok;
 }
 
-bool utils_copy_extended_attributes(const struct copy_pair *pair, struct xattr_listing *listing)
+bool utils_copy_extended_attributes(const struct copy_record *record, struct xattr_listing *listing)
 {
     char stack[LIST_ON_STACK], value[VALUE_ON_STACK];
     char *names = NULL;
     bool ok = false;
+    struct attribute_object source, destination;
+    attribute_object(&source, record->source_fd, record->source_path_only);
+    attribute_object(&destination, record->destination_fd, record->destination_path_only);
 
     memset(listing, 0, sizeof *listing);
-    const ssize_t size = list_names(pair, stack, &names);
+    const ssize_t size = list_names(&source, stack, &names);
     if (size < 0)
         goto out;
     listing->listed = true;
@@ -121,7 +137,7 @@ bool utils_copy_extended_attributes(const struct copy_pair *pair, struct xattr_l
             listing->default_acl = true;
             continue;
         }
-        if (!copy_one_attribute(pair, name, value)) {
+        if (!copy_one_attribute(&source, &destination, name, value)) {
             utils_report_error(UTILS_SITE_XATTR_COPY);
             goto out;
         }
@@ -138,24 +154,28 @@ out:
 }
 
 /* Copies one list of `type`. A source without one, or whose access list says no more than
- * its permission bits, has none; a destination that keeps none is not a failure. */
-static bool copy_one_list(const struct copy_pair *pair, acl_type_t type)
+ * its permission bits, has none; a destination that keeps none is not a failure. Access lists go
+ * from descriptor to descriptor where both are open for reading; default lists, and path-only
+ * descriptors, go through the magic links. */
+static bool copy_one_list(const struct copy_record *record, acl_type_t type)
 {
-    /* Descriptors carry access lists only. */
-    const bool by_fd = type == ACL_TYPE_ACCESS && pair->source_fd >= 0 && pair->destination_fd >= 0;
-    acl_t acl = by_fd ? acl_get_fd(pair->source_fd) : acl_get_file(pair->source, type);
+    const bool by_fd = type == ACL_TYPE_ACCESS && !record->source_path_only && !record->destination_path_only;
+    char source[UTILS_FD_PATH_ROOM], destination[UTILS_FD_PATH_ROOM];
+    acl_t acl = by_fd ? acl_get_fd(record->source_fd)
+                      : acl_get_file(utils_fd_path(record->source_fd, source), type);
     if (!acl) {
         if (errno == ENOENT || errno == EINVAL || errno == ENOTSUP || errno == EOPNOTSUPP || errno == ENODATA)
             return true;
-        utils_report_path(pair->source, UTILS_SITE_ACL_READ);
+        utils_report_path(record->source, UTILS_SITE_ACL_READ);
         return false;
     }
     bool ok = true;
     const bool none = type == ACL_TYPE_ACCESS ? acl_equiv_mode(acl, NULL) == 0 : acl_entries(acl) <= 0;
     if (!none) {
-        const int set = by_fd ? acl_set_fd(pair->destination_fd, acl) : acl_set_file(pair->destination, type, acl);
+        const int set = by_fd ? acl_set_fd(record->destination_fd, acl)
+                              : acl_set_file(utils_fd_path(record->destination_fd, destination), type, acl);
         if (set < 0 && errno != ENOTSUP && errno != EOPNOTSUPP) {
-            utils_report_path(pair->destination, UTILS_SITE_ACL_SET);
+            utils_report_path(record->destination, UTILS_SITE_ACL_SET);
             ok = false;
         }
     }
@@ -165,41 +185,36 @@ static bool copy_one_list(const struct copy_pair *pair, acl_type_t type)
     return ok;
 }
 
-bool utils_copy_access_control_lists(const struct copy_pair *pair, bool folder, const struct xattr_listing *listing)
+bool utils_copy_access_control_lists(const struct copy_record *record, const struct xattr_listing *listing)
 {
     /* When the names were listed, a list that is not among them is not there. */
-    if ((!listing->listed || listing->access_acl) && !copy_one_list(pair, ACL_TYPE_ACCESS))
+    if ((!listing->listed || listing->access_acl) && !copy_one_list(record, ACL_TYPE_ACCESS))
         return false;
-    if (folder && (!listing->listed || listing->default_acl) && !copy_one_list(pair, ACL_TYPE_DEFAULT))
+    if (S_ISDIR(record->status.stx_mode) && (!listing->listed || listing->default_acl)
+        && !copy_one_list(record, ACL_TYPE_DEFAULT))
         return false;
     return true;
 }
 
-bool utils_copy_owner(const struct copy_pair *pair, bool superuser, uid_t source_owner, gid_t source_group,
-                      int32_t destination_device, const struct known_owner *current,
-                      const copy_file_options *options, uid_t *applied_owner, gid_t *applied_group)
+bool utils_copy_owner(const struct copy_record *record)
 {
     /* Only the superuser gives a copy away; anyone else's copy is theirs. */
-    if (!superuser) {
-        *applied_owner = geteuid();
-        *applied_group = getgid();
+    if (!record->superuser)
         return true;
-    }
-    *applied_owner = options && (options->flags & COPY_FILE_OWNER) ? (uid_t)options->owner : source_owner;
-    *applied_group = options && (options->flags & COPY_FILE_GROUP) ? (gid_t)options->group : source_group;
-    if (current && current->known && current->owner == *applied_owner && current->group == *applied_group)
+    const struct known_owner *current = &record->current;
+    if (current->known && current->owner == record->owner && current->group == record->group)
         return true;
-    const struct volume_capabilities *volume = utils_volume_capabilities(pair->destination, destination_device);
+    const struct volume_capabilities *volume =
+            utils_volume_capabilities_fd(record->destination_fd, record->destination, record->destination_device);
     if (!volume) {
         utils_report_error(UTILS_SITE_CAPABILITIES);
         return false;
     }
     if (!(volume->common & (UTILS_ATTR_OWNER | UTILS_ATTR_GROUP)))
         return true;
-    const int changed = pair->destination_fd >= 0 ? fchown(pair->destination_fd, *applied_owner, *applied_group)
-                                                  : lchown(pair->destination, *applied_owner, *applied_group);
-    if (changed < 0) {
-        utils_report_path(pair->destination, UTILS_SITE_OWNER);
+    /* On the object the descriptor holds, a symbolic link itself included. */
+    if (fchownat(record->destination_fd, "", record->owner, record->group, AT_EMPTY_PATH) < 0) {
+        utils_report_path(record->destination, UTILS_SITE_OWNER);
         return false;
     }
     return true;

@@ -10,14 +10,20 @@
  *
  * Numbers that no step here reports are held for steps this system does not have: 443 (creating
  * the empty file of a compressed source), 457 and 472 (allocating a resource-fork path), 468
- * (opening a resource fork) and 481 (copying a resource fork). */
+ * (opening a resource fork) and 481 (copying a resource fork); and 551 (reading the source's
+ * attributes again for the attribute list), since a copy reads each source's status once, at
+ * UTILS_SITE_COPY_SOURCE_STATUS. */
 #ifndef QZAPP_UTILS_REPORT_SITES_H
 #define QZAPP_UTILS_REPORT_SITES_H
 
 /* Deleting an object (delete.c). A failure beneath a folder prints the entry's own line first,
  * then one UTILS_SITE_DELETE_ENTRY line per enclosing folder. */
-#define UTILS_SITE_DELETE_STATUS          145   /* status of the object; path: the object */
-#define UTILS_SITE_DELETE_OPEN_FOLDER     158   /* opening the folder; path: the folder */
+#define UTILS_SITE_DELETE_STATUS          145   /* status of the object, and an entry whose path does
+                                                   not fit the path buffer (ENAMETOOLONG); path: the
+                                                   object. The root folder is refused here (EPERM);
+                                                   path: "/" */
+#define UTILS_SITE_DELETE_OPEN_FOLDER     158   /* opening the folder, and a folder on another mount
+                                                   than the named object (EXDEV); path: the folder */
 #define UTILS_SITE_DELETE_PATH_BUFFER     163   /* allocating the entry path buffer; no path */
 #define UTILS_SITE_DELETE_READ_ENTRY      176   /* reading a folder entry; path: the folder */
 #define UTILS_SITE_DELETE_ENTRY           189   /* an entry could not be deleted; path: the entry */
@@ -34,13 +40,19 @@
 /* The copy engine (copy.c). A failure deep in a tree prints a chain, innermost first: for
  * example UTILS_SITE_DATA_WRITE, then UTILS_SITE_COPY_DATA, then UTILS_SITE_COPY_ENTRY for each
  * enclosing folder. */
-#define UTILS_SITE_COPY_SOURCE_STATUS     309   /* status of the source; path: source */
+#define UTILS_SITE_COPY_SOURCE_STATUS     309   /* opening the source and reading its status; path:
+                                                   source. An entry whose path does not fit a path
+                                                   buffer (ENAMETOOLONG); path: the one cut */
 #define UTILS_SITE_COPY_MAKE_PIPE         330   /* creating a named pipe; path: destination */
 #define UTILS_SITE_COPY_MAKE_NODE         340   /* creating a device node or socket; path: destination */
-#define UTILS_SITE_COPY_MAKE_FOLDER       346   /* creating a folder; path: destination */
+/* Each creating step (330, 340, 346, 428 and 660) also reports when the folder of the named
+ * destination cannot be opened, and when what it created was replaced before it was opened. */
+#define UTILS_SITE_COPY_MAKE_FOLDER       346   /* creating a folder, and a folder to be copied into
+                                                   itself or below itself (EINVAL); path: destination */
 #define UTILS_SITE_COPY_EXISTING_FOLDER   351   /* status of what is in the folder's way; path: destination */
 #define UTILS_SITE_COPY_REPLACE_BY_FOLDER 359   /* replacing a non-folder by a folder; path: destination */
-#define UTILS_SITE_COPY_FOLDER_STATUS     364   /* status of the destination folder; path: destination */
+#define UTILS_SITE_COPY_FOLDER_STATUS     364   /* opening the destination folder and reading its
+                                                   status; path: destination */
 #define UTILS_SITE_COPY_OPEN_FOLDER       371   /* opening the source folder; path: source */
 #define UTILS_SITE_COPY_SOURCE_BUFFER     376   /* allocating the source path buffer; no path */
 #define UTILS_SITE_COPY_DESTINATION_BUFFER 379  /* allocating the destination path buffer; no path */
@@ -68,7 +80,7 @@
                                                    change and before the attribute list; no path */
 
 /* The attribute list (attributes.c). */
-#define UTILS_SITE_ATTRIBUTES_READ        551   /* reading the source's attributes; path: source */
+#define UTILS_SITE_ATTRIBUTES_READ        551   /* held: see the head of this file */
 #define UTILS_SITE_ATTRIBUTES_LENGTH      582   /* an attribute carried was not read (EINVAL); path: source */
 #define UTILS_SITE_ATTRIBUTES_WRITE       587   /* writing the attributes: all three calls, for the
                                                    modification time, the permission bits and the

@@ -10,6 +10,7 @@
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #ifdef __cplusplus
@@ -30,9 +31,11 @@ QZUTILS_EXPORT void utils_report_error(unsigned site);
 /* Largest data buffer of a file or extended-attribute copy: 8 MiB. */
 #define UTILS_COPY_BUFFER_MAX ((size_t)8 * 1024 * 1024)
 
-/* Folder walks (folder_walk.c). Entry paths are built in buffers of UTILS_PATH_ROOM bytes:
- * a path that does not fit is cut, so that the nested call fails on a wrong name rather than
- * overrunning the buffer. */
+/* Folder walks (folder_walk.c). A walk works on descriptors: every object below a named one is
+ * found by its name in an open folder, never by a path, so that a folder swapped for a link
+ * while the walk goes on cannot lead it elsewhere. Paths are built beside it, for the report
+ * lines and the copy filter only, in buffers of UTILS_PATH_ROOM bytes: an entry whose path does
+ * not fit is not acted on (ENAMETOOLONG). */
 #define UTILS_PATH_ROOM 1024
 
 /* Puts `folder` and a '/' into `buffer`; returns where entry names go. */
@@ -43,14 +46,39 @@ bool utils_path_put_name(char *buffer, size_t base, const char *name);
  * after a failure of the reader, which is reported with `path` and `site`. */
 const struct dirent *utils_next_entry(DIR *folder, const char *path, unsigned site);
 
-/* The immutable flag (file_flags.c). Only regular files and folders carry flags; the object is
- * opened without following a final link and without blocking. */
+/* A path the caller named, split into the folder that holds its last component, opened as the
+ * system resolves it (links followed), and that last component, which is left to the caller.
+ * Trailing slashes are dropped; a path of slashes only names "." in "/". */
+struct named_object {
+    int folder;          /* a path-only descriptor, or AT_FDCWD for a name without a slash */
+    const char *name;    /* the last component */
+    char *text;          /* the copy `name` points into */
+};
+/* 0, or -1 with errno (nothing to close then). */
+int utils_open_named(const char *path, struct named_object *named);
+void utils_close_named(struct named_object *named);
 
-/* Clears the immutable flag of `path`, keeping its other flags: 0, or -1 with errno. */
-int utils_clear_immutable(const char *path);
-/* Sets the immutable flag of `path`, or of the open `fd` when it is not -1, keeping the other
- * flags: 0, or -1 with errno. */
-int utils_set_immutable(const char *path, int fd);
+/* "/proc/self/fd/N" for `fd`: how the calls without a descriptor form (extended attributes, access
+ * control lists, permission bits) reach an object held by a path-only (O_PATH) descriptor. The
+ * magic link leads to the object itself, even to a symbolic link. */
+#define UTILS_FD_PATH_ROOM 32
+const char *utils_fd_path(int fd, char buffer[UTILS_FD_PATH_ROOM]);
+
+/* Whether two statuses name the same object. */
+bool utils_same_object(const struct statx *a, const struct statx *b);
+
+/* Deletion by descriptor (delete.c): deletes `name` in `folder`, and everything beneath it,
+ * reporting with `path`, as delete_file_object does with a path (the root folder refused
+ * included). The copy clears obstacles and removes its partial copies with it. */
+int utils_delete_at(int folder, const char *name, const char *path);
+
+/* The immutable flag (file_flags.c), on an object opened for reading (the flags ioctl takes no
+ * path-only descriptor). Only regular files and folders carry flags. The other flags are kept:
+ * 0, or -1 with errno. */
+int utils_clear_immutable(int fd);
+int utils_set_immutable(int fd);
+/* Clears the flag of `name` in `folder`, opened without following a link and without blocking. */
+int utils_clear_immutable_at(int folder, const char *name);
 
 /* Volume capabilities (volume_capabilities.c).
  *
@@ -77,17 +105,40 @@ int32_t utils_device_number(dev_t device);
  * from the path's own status first. Of the two entries of the cache, a miss overwrites the one
  * not written last. Null after a report (UTILS_SITE_VOLUME_*). */
 QZUTILS_EXPORT const struct volume_capabilities *utils_volume_capabilities(const char *path, int32_t device);
+/* The same for the object open as `fd` (any descriptor, path-only ones included), which stands
+ * for `path`: the path is only shown in reports. */
+const struct volume_capabilities *utils_volume_capabilities_fd(int fd, const char *path, int32_t device);
 /* Test hooks: how many volumes were queried so far, and emptying the cache. */
 QZUTILS_EXPORT unsigned long utils_volume_capability_queries(void);
 QZUTILS_EXPORT void utils_volume_capabilities_reset(void);
 
-/* The objects a copy step works on: paths, and descriptors where they are open (-1 where
- * not). A descriptor stands for the same object as its path and saves looking the path up. */
-struct copy_pair {
-    const char *source;
-    const char *destination;
-    int source_fd;
-    int destination_fd;
+/* The owner and group the destination has now, when known, so that an owner change that
+ * changes nothing is not made. */
+struct known_owner {
+    bool known;
+    uid_t owner;
+    gid_t group;
+};
+
+/* One object of a copy as every step sees it, read and decided once and handed down. Each side
+ * is found by its name in an open folder (AT_FDCWD for a named path without a slash) and, once
+ * it exists, held open: regular files and folders for reading where that is allowed, anything
+ * else (and what may not be read) through a path-only (O_PATH) descriptor. The paths are the
+ * texts report lines show; no step looks them up. */
+struct copy_record {
+    const char *source, *destination;             /* report texts */
+    int source_folder, destination_folder;        /* the folders holding them */
+    const char *source_name, *destination_name;   /* their names there */
+    int source_fd, destination_fd;                /* the objects themselves, -1 when not open */
+    bool source_path_only, destination_path_only; /* the descriptor is a path-only one */
+    struct statx status;                          /* the source's, read once */
+    int32_t source_device;                        /* the source's volume */
+    int32_t destination_device;                   /* the destination's volume, -1 when unknown */
+    bool superuser;                               /* the copy runs as the superuser */
+    uid_t owner;                                  /* the owner and group the copy is to have */
+    gid_t group;
+    struct known_owner current;                   /* the destination's own, as far as known */
+    const copy_file_options *options;             /* may be null */
 };
 
 /* Metadata of a copied object (metadata.c, attributes.c), in this order. */
@@ -99,38 +150,25 @@ struct xattr_listing {
     bool default_acl;      /* "system.posix_acl_default" was among them */
 };
 
-/* The owner and group the destination has now, when known, so that an owner change that
- * changes nothing is not made. */
-struct known_owner {
-    bool known;
-    uid_t owner;
-    gid_t group;
-};
-
 /* Copies the extended attributes (UTILS_SITE_XATTR_*, each followed by UTILS_SITE_XATTR). */
-bool utils_copy_extended_attributes(const struct copy_pair *pair, struct xattr_listing *listing);
+bool utils_copy_extended_attributes(const struct copy_record *record, struct xattr_listing *listing);
 /* Copies the access control list, and a folder's default list (UTILS_SITE_ACL_READ,
  * UTILS_SITE_ACL_SET). */
-bool utils_copy_access_control_lists(const struct copy_pair *pair, bool folder, const struct xattr_listing *listing);
-/* Gives the destination its owner and group and tells which were applied (UTILS_SITE_OWNER; when
- * the destination's volume cannot be looked up, its report and then UTILS_SITE_CAPABILITIES). */
-bool utils_copy_owner(const struct copy_pair *pair, bool superuser, uid_t source_owner, gid_t source_group,
-                      int32_t destination_device, const struct known_owner *current,
-                      const copy_file_options *options, uid_t *applied_owner, gid_t *applied_group);
+bool utils_copy_access_control_lists(const struct copy_record *record, const struct xattr_listing *listing);
+/* Gives the destination the record's owner and group where its volume keeps them, unless it has
+ * them already (UTILS_SITE_OWNER; when the destination's volume cannot be looked up, its report
+ * and then UTILS_SITE_CAPABILITIES). Only the superuser's copies change hands. */
+bool utils_copy_owner(const struct copy_record *record);
 /* Carries modification time, permission bits and the immutable flag as both volumes keep them
  * (UTILS_SITE_CAPABILITIES after a volume lookup's own report, UTILS_SITE_ATTRIBUTES_*). Only
  * when this succeeds is the copy of the object a success. */
-bool utils_copy_attribute_list(const struct copy_pair *pair, bool superuser, int32_t source_device,
-                               int32_t destination_device, uid_t applied_owner, gid_t applied_group);
+bool utils_copy_attribute_list(const struct copy_record *record);
 
-/* Copies the data of a regular file (datastream.c): from the open descriptor `source_fd`, or
- * from `source` opened here when it is -1, to `destination`, created or truncated
- * (UTILS_SITE_DATA_*; a source that cannot be opened or whose status cannot be read, and a
- * buffer that cannot be allocated, fail without a line of their own). With `kept`, the
- * descriptors stay open for the caller (source_fd and destination_fd, to be closed by it) and
- * `current` tells the destination's owner. */
-bool utils_copy_data_stream(int source_fd, const char *source, const char *destination, struct copy_pair *kept,
-                            struct known_owner *current);
+/* Copies the data of a regular file (datastream.c) from the record's source, reopened for
+ * reading when it is held path-only, to its destination, created or truncated, whose descriptor
+ * and owner the record then holds (UTILS_SITE_DATA_*; a source that cannot be opened and a buffer
+ * that cannot be allocated fail without a line of their own). */
+bool utils_copy_data_stream(struct copy_record *record);
 
 /* The tool runner's format walk (run_tool.c).
  *

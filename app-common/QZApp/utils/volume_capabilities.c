@@ -107,6 +107,33 @@ static int64_t capabilities_of(const struct statfs *fs, dev_t device)
     }
 }
 
+static const struct volume_capabilities *cached(int32_t device)
+{
+    for (int i = 0; i < 2; i++)
+        if (cache[i].device == device && cache[i].common != 0)
+            return &cache[i];
+    return NULL;
+}
+
+/* Queries the volume of the open `fd` (shown as `path`) and caches it under `device`. */
+static const struct volume_capabilities *query(int fd, const char *path, int32_t device)
+{
+    struct statfs fs;
+    struct stat status;
+    if (fstatfs(fd, &fs) < 0 || fstat(fd, &status) < 0) {
+        utils_report_path(path, UTILS_SITE_VOLUME_FILE_SYSTEM);
+        return NULL;
+    }
+    queries++;
+    const int64_t common = capabilities_of(&fs, status.st_dev);
+    if (common < 0)
+        return NULL;
+    last_written ^= 1;
+    cache[last_written].common = (uint32_t)common;
+    cache[last_written].device = device;
+    return &cache[last_written];
+}
+
 const struct volume_capabilities *utils_volume_capabilities(const char *path, int32_t device)
 {
     if (device < 0) {
@@ -117,9 +144,9 @@ const struct volume_capabilities *utils_volume_capabilities(const char *path, in
         }
         device = utils_device_number(status.st_dev);
     }
-    for (int i = 0; i < 2; i++)
-        if (cache[i].device == device && cache[i].common != 0)
-            return &cache[i];
+    const struct volume_capabilities *found = cached(device);
+    if (found)
+        return found;
 
     /* The object itself, not what a final symbolic link points to. */
     const int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
@@ -127,22 +154,25 @@ const struct volume_capabilities *utils_volume_capabilities(const char *path, in
         utils_report_path(path, UTILS_SITE_VOLUME_OPEN);
         return NULL;
     }
-    struct statfs fs;
-    struct stat status;
-    if (fstatfs(fd, &fs) < 0 || fstat(fd, &status) < 0) {
-        utils_report_path(path, UTILS_SITE_VOLUME_FILE_SYSTEM);
-        close(fd);
-        return NULL;
-    }
+    found = query(fd, path, device);
+    const int saved = errno;
     close(fd);
-    queries++;
-    const int64_t common = capabilities_of(&fs, status.st_dev);
-    if (common < 0)
-        return NULL;
-    last_written ^= 1;
-    cache[last_written].common = (uint32_t)common;
-    cache[last_written].device = device;
-    return &cache[last_written];
+    errno = saved;
+    return found;
+}
+
+const struct volume_capabilities *utils_volume_capabilities_fd(int fd, const char *path, int32_t device)
+{
+    if (device < 0) {
+        struct stat status;
+        if (fstat(fd, &status) < 0) {
+            utils_report_path(path, UTILS_SITE_VOLUME_STATUS);
+            return NULL;
+        }
+        device = utils_device_number(status.st_dev);
+    }
+    const struct volume_capabilities *found = cached(device);
+    return found ? found : query(fd, path, device);
 }
 
 unsigned long utils_volume_capability_queries(void)

@@ -1,0 +1,415 @@
+// copy_file and delete_file_object as the superuser while an unprivileged user swaps folders of
+// the trees for links to a victim tree, in folders that user owns (not in a sticky world-writable
+// folder, where the host's protected_symlinks setting could hide a fault); a mount inside a
+// deleted tree; and the root folder, which a delete refuses however it is spelled, tried only
+// chrooted into a scratch tmpfs. After every case the victim trees are as they were.
+#include "support/ScratchVolumes.h"
+
+#include "../app-common/QZApp/utils/utils_private.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <sstream>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace qztest;
+
+namespace {
+
+constexpr uid_t attackerId = 65534;
+constexpr auto attackTime = std::chrono::seconds(10);
+constexpr unsigned maxRounds = 20000;
+
+// Every object below `root`, not following links: name, type and mode, owner, group, and the
+// content of a file or the text of a link.
+std::string fingerprint(const std::string &root)
+{
+    std::ostringstream out;
+    std::error_code error;
+    std::vector<std::filesystem::path> paths;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root, error))
+        paths.push_back(entry.path());
+    std::sort(paths.begin(), paths.end());
+    for (const auto &path : paths) {
+        const struct stat status = statusOf(path);
+        out << path.string().substr(root.size()) << ' ' << std::oct << status.st_mode << std::dec << ' '
+            << status.st_uid << ':' << status.st_gid;
+        if (S_ISREG(status.st_mode))
+            out << " =" << readFile(path);
+        else if (S_ISLNK(status.st_mode))
+            out << " ->" << std::filesystem::read_symlink(path, error).string();
+        out << '\n';
+    }
+    return out.str();
+}
+
+// The shape every tree here has: four folders, each with files and two folders of files; only
+// the folders without `content`.
+std::map<std::string, std::string> shape(const std::string &content = {})
+{
+    std::map<std::string, std::string> entries;
+    for (int d = 0; d < 4; d++)
+        for (int e = 0; e < 2; e++) {
+            const std::string folder = "d" + std::to_string(d), inner = folder + "/e" + std::to_string(e) + "/";
+            entries[inner] = "";
+            for (int f = 0; !content.empty() && f < 4; f++) {
+                entries[folder + "/f" + std::to_string(f)] = content;
+                entries[inner + "f" + std::to_string(f)] = content;
+            }
+        }
+    return entries;
+}
+
+void chownTree(const std::string &root, uid_t user)
+{
+    ASSERT_EQ(lchown(root.c_str(), user, user), 0);
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root))
+        ASSERT_EQ(lchown(entry.path().c_str(), user, user), 0) << entry.path();
+}
+
+bool dropToAttacker()
+{
+    return setgroups(0, nullptr) == 0 && setgid(attackerId) == 0 && setuid(attackerId) == 0;
+}
+
+// Runs `work` once as the attacker and waits for it; true when it ran to its end.
+bool runAsAttacker(const std::function<void()> &work)
+{
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (!dropToAttacker())
+            _exit(126);
+        work();
+        _exit(0);
+    }
+    int status = 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// An unprivileged process that repeats `attack` (given the round the superuser is in and a
+// random source) until it is stopped, and dies with the test process.
+class Attacker
+{
+public:
+    using Attack = std::function<void(unsigned round, std::minstd_rand &random)>;
+
+    explicit Attacker(const Attack &attack)
+    {
+        void *memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED)
+            return;
+        m_shared = new (memory) Shared {};
+        const pid_t parent = getpid();
+        std::fflush(nullptr);
+        m_pid = fork();
+        if (m_pid != 0)
+            return;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent || !dropToAttacker())
+            _exit(126);
+        std::minstd_rand random(static_cast<unsigned>(getpid()));
+        while (!m_shared->stop.load()) {
+            attack(m_shared->round.load(), random);
+            m_shared->attacks++;
+        }
+        _exit(0);
+    }
+    ~Attacker()
+    {
+        if (m_pid > 0) {
+            m_shared->stop = true;
+            waitpid(m_pid, nullptr, 0);
+        }
+        if (m_shared)
+            munmap(m_shared, sizeof(Shared));
+    }
+    Attacker(const Attacker &) = delete;
+    Attacker &operator=(const Attacker &) = delete;
+
+    bool ok() const { return m_pid > 0; }
+    void setRound(unsigned round) { m_shared->round = round; }
+    unsigned long attacks() const { return m_shared->attacks.load(); }
+
+private:
+    struct Shared {
+        std::atomic<bool> stop;
+        std::atomic<unsigned> round;
+        std::atomic<unsigned long> attacks;
+    };
+    Shared *m_shared = nullptr;
+    pid_t m_pid = -1;
+};
+
+// Swaps `path` for a link to `target`, keeping what was there under `kept`; true when it did.
+bool swapForLink(const std::string &path, const std::string &target, const std::string &kept)
+{
+    return rename(path.c_str(), kept.c_str()) == 0 && symlink(target.c_str(), path.c_str()) == 0;
+}
+
+// A folder of the shape at random: "", "/dK" or "/dK/eL".
+std::string randomFolder(std::minstd_rand &random)
+{
+    const unsigned pick = random() % 13;
+    if (pick == 12)
+        return "";
+    return "/d" + std::to_string(pick % 4) + (pick < 4 ? "" : "/e" + std::to_string(pick % 2));
+}
+
+// An ext4 volume with a root-owned victim tree, a root-only secret tree, and the attacker's
+// home, where the attacker does its work.
+class Attack : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!canMount())
+            GTEST_SKIP() << "needs the superuser and a mount namespace";
+        ASSERT_TRUE(volume.ok());
+        utils_volume_capabilities_reset();
+        makeTree(victim, shape("victim"));
+        makeTree(secret, shape("secret"));
+        ASSERT_EQ(chmod(secret.c_str(), 0700), 0);
+        makeFolder(home, 0755);
+        makeFolder(staging, 0700);
+        ASSERT_EQ(chown(home.c_str(), attackerId, attackerId), 0);
+        victimBefore = fingerprint(victim);
+        secretBefore = fingerprint(secret);
+    }
+
+    // The victim and the secret trees are as they were, and no copy holds the secret.
+    void expectUntouched(const std::string &copies = {})
+    {
+        EXPECT_EQ(fingerprint(victim), victimBefore);
+        EXPECT_EQ(fingerprint(secret), secretBefore);
+        if (!copies.empty()) {
+            EXPECT_EQ(fingerprint(copies).find("=secret"), std::string::npos);
+        }
+    }
+
+    // Makes a tree for the attacker where it cannot reach it, then moves it to `at` whole.
+    static void makeAttackersTree(const std::string &where, const std::map<std::string, std::string> &entries,
+                                  const std::string &at)
+    {
+        makeTree(where, entries);
+        chownTree(where, attackerId);
+        ASSERT_EQ(rename(where.c_str(), at.c_str()), 0);
+    }
+
+    // Repeats `round` as the superuser for the attack time (at most maxRounds times).
+    static unsigned repeat(Attacker &attacker, const std::function<void(unsigned)> &round)
+    {
+        const auto end = std::chrono::steady_clock::now() + attackTime;
+        unsigned rounds = 0;
+        while (rounds < maxRounds && std::chrono::steady_clock::now() < end) {
+            attacker.setRound(rounds);
+            round(rounds++);
+        }
+        return rounds;
+    }
+
+    ScratchVolume volume { ScratchVolume::Ext4 };
+    const std::string victim = volume / "victim", secret = volume / "secret", home = volume / "home",
+                      staging = volume / "staging";
+    std::string victimBefore, secretBefore;
+};
+
+TEST_F(Attack, RecursiveCopiesIntoAndOutOfAFolderWhoseFoldersAreSwappedForLinks)
+{
+    // Into the attacker's folders, which the copy merges into: they become links to the
+    // victim's. Each is made where the attacker cannot reach and moved into its folder whole.
+    const std::string source = home + "/source";
+    makeTree(source, shape("attacker"));
+    chownTree(source, attackerId);
+    {
+        Attacker attacker([&](unsigned round, std::minstd_rand &random) {
+            const std::string folder = randomFolder(random);
+            swapForLink(home + "/copy" + std::to_string(round) + folder, victim + folder,
+                        home + "/moved" + std::to_string(random()));
+        });
+        ASSERT_TRUE(attacker.ok());
+        const unsigned rounds = repeat(attacker, [&](unsigned round) {
+            const std::string name = "/copy" + std::to_string(round), copy = home + name;
+            makeAttackersTree(staging + name, shape(), copy);
+            runCopy(source, copy, COPY_FILE_RECURSIVE);
+            runDelete(copy);
+        });
+        std::printf("%u copies into the attacker's folder, %lu swaps\n", rounds, attacker.attacks());
+    }
+    expectUntouched();
+
+    // Out of it: the source's folders become links to the secret tree for a moment, then are
+    // put back, so that most copies go deep.
+    const std::string copies = volume / "copies";
+    makeFolder(copies, 0755);
+    {
+        Attacker attacker([&](unsigned, std::minstd_rand &random) {
+            const std::string folder = randomFolder(random);
+            const std::string path = source + folder, kept = home + "/kept";
+            if (folder.empty() || !swapForLink(path, secret + folder, kept))
+                return;
+            sched_yield();
+            unlink(path.c_str());
+            rename(kept.c_str(), path.c_str());
+        });
+        ASSERT_TRUE(attacker.ok());
+        const unsigned rounds = repeat(attacker, [&](unsigned round) {
+            const std::string copy = copies + "/" + std::to_string(round);
+            runCopy(source, copy, COPY_FILE_RECURSIVE);
+            EXPECT_EQ(fingerprint(copy).find("=secret"), std::string::npos) << copy;
+            runDelete(copy);
+        });
+        std::printf("%u copies out of the attacker's folder, %lu swaps\n", rounds, attacker.attacks());
+    }
+    expectUntouched(copies);
+}
+
+TEST_F(Attack, AFolderSwappedWhileTheFilterRunsLeadsTheCopyNowhereElse)
+{
+    // Once the copy is inside d1, the attacker swaps d1 of both trees for links: to the victim's d1 on the destination's side, to the secret's on
+    // the source's. The copy goes on in the two folders it holds, wherever they are now.
+    const std::string source = home + "/source", copy = home + "/copy";
+    makeTree(source, shape("attacker"));
+    chownTree(source, attackerId);
+    makeAttackersTree(staging + "/copy", shape(), copy);   // merged into: the attacker's folders
+    struct Swap {
+        std::string at, source, copy, victim, secret, home;
+        bool done = false, ok = false;
+    } swap { source + "/d1/e0", source + "/d1", copy + "/d1", victim + "/d1", secret + "/d1", home };
+    copy_file_options options { COPY_FILE_RECURSIVE, 0, 0, &swap, nullptr };
+    options.filter = [](void *context, const char *path, const copy_file_options *, int32_t) {
+        auto *wanted = static_cast<Swap *>(context);
+        if (!wanted->done && wanted->at == path) {
+            wanted->done = true;
+            wanted->ok = runAsAttacker([wanted] {
+                if (!swapForLink(wanted->copy, wanted->victim, wanted->home + "/copy-d1")
+                    || !swapForLink(wanted->source, wanted->secret, wanted->home + "/source-d1"))
+                    _exit(1);
+            });
+        }
+        return true;
+    };
+    ASSERT_TRUE(copy_file(source.c_str(), copy.c_str(), &options));
+    ASSERT_TRUE(swap.done && swap.ok);
+    expectUntouched(copy);
+    EXPECT_EQ(std::filesystem::read_symlink(copy + "/d1"), victim + "/d1");
+    // What d1 held arrived in the folder the copy made for it, now moved aside.
+    EXPECT_EQ(listing(home + "/copy-d1"), listing(home + "/source-d1"));
+    EXPECT_EQ(listing(copy + "/d2"), listing(source + "/d2"));
+}
+
+TEST_F(Attack, DeletesOfATreeWhoseFoldersAreSwappedForLinks)
+{
+    // Each tree is made where the attacker cannot reach and moved into its folder whole.
+    Attacker attacker([&](unsigned round, std::minstd_rand &random) {
+        const std::string folder = randomFolder(random);
+        swapForLink(home + "/tree" + std::to_string(round) + folder, victim + folder,
+                    home + "/moved" + std::to_string(random()));
+    });
+    ASSERT_TRUE(attacker.ok());
+    const std::map<std::string, std::string> tree = shape("attacker");
+    const unsigned rounds = repeat(attacker, [&](unsigned round) {
+        const std::string name = "/tree" + std::to_string(round);
+        makeAttackersTree(staging + name, tree, home + name);
+        runDelete(home + name);
+    });
+    std::printf("%u deletes, %lu swaps\n", rounds, attacker.attacks());
+    expectUntouched();
+}
+
+TEST_F(Attack, ADeleteDoesNotEnterAFileSystemMountedInsideItsTree)
+{
+    // A bind mount of the same volume counts as another file system.
+    const std::string tree = volume / "tree", mount = tree + "/inner/mount";
+    makeTree(tree, { { "inner/mount/", "" } });
+    ASSERT_EQ(::mount(victim.c_str(), mount.c_str(), nullptr, MS_BIND, nullptr), 0);
+    const std::string error = ": Invalid cross-device link (at utils:";
+    EXPECT_EQ(runDelete(tree), (Outcome { EXDEV, mount + error + "158)\n" + mount + error + "189)\n" + tree + "/inner"
+                                                         + error + "189)\n" }));
+    umount2(mount.c_str(), MNT_DETACH);
+    expectUntouched();
+    EXPECT_EQ(listing(tree), "inner/ inner/mount/");
+}
+
+// Copies `file` to the same path below `root`, with the folders above it.
+void copyInto(const std::string &root, const std::string &file)
+{
+    const std::filesystem::path target = root + file;
+    std::filesystem::create_directories(target.parent_path());
+    std::filesystem::copy_file(file, target, std::filesystem::copy_options::overwrite_existing);
+    chmod(target.c_str(), 0755);
+}
+
+TEST_F(Attack, TheRootFolderIsRefusedHoweverSpelled)
+{
+    // Only ever inside a scratch tmpfs that the child has made its root, holding qzutil, the
+    // libraries it loads and canary files: a fault here cannot reach the machine's own root.
+    ScratchVolume scratch(ScratchVolume::Tmpfs, 1ull << 30);
+    ASSERT_TRUE(scratch.ok());
+    const std::string marker = "/qz-scratch-root";
+    const std::string qzutil = QZUTIL_PATH;
+    copyInto(scratch.path(), qzutil);
+    const Outcome libraries = runProgram({ "ldd", qzutil });
+    ASSERT_EQ(libraries.status, 0) << libraries.output;
+    std::istringstream lines(libraries.output);
+    std::string word;
+    while (lines >> word)   // "name => /path (address)", or "/path (address)" for the loader
+        if (word.front() == '/')
+            copyInto(scratch.path(), word);
+    makeTree(scratch.path(), { { marker.substr(1), "" }, { "canary", "1" }, { "tmp/canary", "2" }, { "home/x/canary", "3" } });
+    const std::string before = listing(scratch.path());
+
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        dup2(ends[1], STDERR_FILENO);
+        if (unshare(CLONE_NEWNS) < 0 || chroot(scratch.path().c_str()) < 0 || chdir("/") < 0
+            || access(marker.c_str(), F_OK) < 0)
+            _exit(99);   // not inside the scratch root: nothing is tried
+        std::string output;
+        for (const char *root : { "/", "//", "/tmp/..", "." }) {
+            errno = 0;
+            const int result = delete_file_object(root);
+            output += std::to_string(result) + " " + std::strerror(errno) + "\n";
+        }
+        std::fputs(output.c_str(), stdout);
+        std::fflush(stdout);
+        execl(qzutil.c_str(), "qzutil", "delete", "/tmp/..", nullptr);
+        _exit(98);
+    }
+    close(ends[1]);
+    std::string output;
+    char buffer[4096];
+    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;)
+        output.append(buffer, static_cast<size_t>(got));
+    close(ends[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1) << output;
+    const std::string refused = "/: Operation not permitted (at utils:145)\n", failed = "-1 Operation not permitted\n";
+    EXPECT_EQ(output.substr(0, output.find("qzutil:")),
+              refused + refused + refused + refused + failed + failed + failed + failed + refused);
+    EXPECT_NE(output.find("qzutil: cannot delete /tmp/..: it is the root folder, which is never deleted\n"),
+              std::string::npos)
+            << output;
+    EXPECT_EQ(listing(scratch.path()), before);
+}
+
+} // namespace
