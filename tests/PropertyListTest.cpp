@@ -84,7 +84,7 @@ QByteArray repeated(const char *text, int times)
 QByteArray xmlChain(int levels)
 {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+           "<!DOCTYPE plist PUBLIC \"-//DTD PLIST 1.0//EN\" \"PropertyList-1.0.dtd\">\n"
            "<plist version=\"1.0\">"
            + repeated("<array>", levels) + repeated("</array>", levels) + "</plist>";
 }
