@@ -39,17 +39,28 @@ run_tests() {
     ctest --preset "$1"
 }
 
+# The libFuzzer options of a target, one per line: its fuzz/NAME.options holds a "[libfuzzer]"
+# section of "key = value" lines, each passed as -key=value; a dictionary is named relative to
+# fuzz/.
+fuzzer_options() {
+    local file=fuzz/$1.options
+    [ -f "$file" ] || return 0
+    sed -n 's/^[[:space:]]*\([a-z_][a-z_]*\)[[:space:]]*=[[:space:]]*\(.*[^[:space:]]\)[[:space:]]*$/-\1=\2/p' "$file" \
+        | sed 's#^-dict=#-dict=fuzz/#'
+}
+
 run_fuzzers() {
     local seconds=$1
     build fuzz
     for fuzzer in build/fuzz/bin/fuzz_*; do
-        local name corpus
+        local name corpus options
         name=$(basename "$fuzzer")
         corpus=build/fuzz/corpus/${name#fuzz_}
         mkdir -p "$corpus"
         [ -d "fuzz/corpus/${name#fuzz_}" ] && cp -rn "fuzz/corpus/${name#fuzz_}/." "$corpus/"
-        log "fuzzing $name for ${seconds}s"
-        if ! "$fuzzer" -max_total_time="$seconds" -print_final_stats=1 "$corpus" >"build/fuzz/$name.log" 2>&1; then
+        mapfile -t options < <(fuzzer_options "$name")
+        log "fuzzing $name for ${seconds}s ${options[*]}"
+        if ! "$fuzzer" "${options[@]}" -max_total_time="$seconds" -print_final_stats=1 "$corpus" >"build/fuzz/$name.log" 2>&1; then
             tail -n 60 "build/fuzz/$name.log"
             echo "$name found a fault"
             return 1

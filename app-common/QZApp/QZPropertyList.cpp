@@ -1,6 +1,8 @@
 // Converting libplist nodes to QVariant.
 #include "QZPropertyList.h"
 
+#include "utils/utils_private.h"
+
 #include <QDateTime>
 #include <QFile>
 #include <QTimeZone>
@@ -19,14 +21,34 @@ struct PropertyListDeleter {
     void operator()(void *node) const { plist_free(static_cast<plist_t>(node)); }
 };
 
-QVariant dictionaryFrom(plist_t node)
+// One conversion. It follows the list recursively, but no deeper than the property-list loader
+// reads (UTILS_PLIST_DEPTH_MAX): a node built by the caller that is nested deeper makes the
+// whole conversion invalid instead of exhausting the stack, here or in the destruction of the
+// nested values.
+class Conversion {
+public:
+    QVariant of(plist_t node)
+    {
+        QVariant value = valueOf(node, 0);
+        return tooDeep ? QVariant() : value;
+    }
+
+private:
+    QVariant valueOf(plist_t node, int depth);
+    QVariant dictionaryFrom(plist_t node, int depth);
+    QVariant arrayFrom(plist_t node, int depth);
+
+    bool tooDeep = false;
+};
+
+QVariant Conversion::dictionaryFrom(plist_t node, int depth)
 {
     QVariantMap map;
     plist_dict_iter iterator = nullptr;
     plist_dict_new_iter(node, &iterator);
     if (!iterator)
         return map;
-    for (;;) {
+    while (!tooDeep) {
         plist_t value = nullptr;
         plist_dict_next_item(node, iterator, nullptr, &value);   // the key may not be a key node
         if (!value)
@@ -36,34 +58,34 @@ QVariant dictionaryFrom(plist_t node)
             continue;
         char *text = nullptr;
         plist_get_key_val(key, &text);
-        map.insert(QString::fromUtf8(text ? text : ""), variantFromPropertyList(value));
+        map.insert(QString::fromUtf8(text ? text : ""), valueOf(value, depth + 1));
         std::free(text);
     }
     std::free(iterator);
     return map;
 }
 
-QVariant arrayFrom(plist_t node)
+QVariant Conversion::arrayFrom(plist_t node, int depth)
 {
     QVariantList list;
     const uint32_t count = plist_array_get_size(node);
     list.reserve(static_cast<qsizetype>(count));
-    for (uint32_t i = 0; i < count; i++)
-        list.append(variantFromPropertyList(plist_array_get_item(node, i)));
+    for (uint32_t i = 0; i < count && !tooDeep; i++)
+        list.append(valueOf(plist_array_get_item(node, i), depth + 1));
     return list;
 }
 
-} // namespace
-
-QVariant variantFromPropertyList(plist_t node)
+QVariant Conversion::valueOf(plist_t node, int depth)
 {
-    if (!node)
+    if (depth > UTILS_PLIST_DEPTH_MAX) {
+        tooDeep = true;
         return {};
+    }
     switch (plist_get_node_type(node)) {
     case PLIST_DICT:
-        return dictionaryFrom(node);
+        return dictionaryFrom(node, depth);
     case PLIST_ARRAY:
-        return arrayFrom(node);
+        return arrayFrom(node, depth);
     case PLIST_STRING: {
         uint64_t length = 0;
         const char *text = plist_get_string_ptr(node, &length);
@@ -104,6 +126,15 @@ QVariant variantFromPropertyList(plist_t node)
     default:
         return {};
     }
+}
+
+} // namespace
+
+QVariant variantFromPropertyList(plist_t node)
+{
+    if (!node)
+        return {};
+    return Conversion().of(node);
 }
 
 QVariant propertyListFromFile(const QString &path)

@@ -14,7 +14,8 @@
 
 namespace QZ {
 
-// The value of `node` and everything beneath it; an invalid QVariant for a null node.
+// The value of `node` and everything beneath it; an invalid QVariant for a null node and for one
+// with anything nested more than 512 levels beneath it (as plist_from_file() never reads).
 QZAPP_EXPORT QVariant variantFromPropertyList(plist_t node);
 
 // The property list in the file at `path` (XML or binary); an invalid QVariant when the file

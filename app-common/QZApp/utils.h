@@ -108,8 +108,10 @@ QZUTILS_EXPORT int run_toolx(char *const argv[]);
  * starts. */
 QZUTILS_EXPORT int run_tool(const char *format, ...);
 
-/* Property lists (XML or binary) read from a file; null for anything else. The caller frees the
- * result with plist_free(). */
+/* Property lists (XML or binary) read from a file; null for anything else, with errno telling
+ * why: that of the failed open or read, or EINVAL for a file that holds no readable list
+ * (including one nested more than 512 levels deep). The caller frees the result with
+ * plist_free(). */
 QZUTILS_EXPORT plist_t plist_from_file(const char *path);
 
 #ifdef __cplusplus

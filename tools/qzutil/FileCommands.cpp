@@ -107,7 +107,9 @@ int run(const Invocation &invocation)
     return Success;
 }
 
-// JSON for a property-list value: data as Base64, dates in ISO 8601 (UTC).
+// JSON for a property-list value: data as Base64, dates in ISO 8601 (UTC). The value was read by
+// QZ::propertyListFromFile, which reads nothing nested deeper than 512 levels, and so the
+// recursion here goes no deeper.
 QJsonValue jsonFrom(const QVariant &value)
 {
     switch (value.typeId()) {

@@ -178,8 +178,13 @@ bool utils_copy_data_stream(struct copy_record *record);
  * when it holds a conversion that is not accepted. */
 QZUTILS_EXPORT int utils_run_tool_format_walk(const char *format, char *kinds, size_t room);
 
+/* Property lists nested deeper than this are refused: the top value is at depth 0, and a value
+ * at this depth is still read. The parser builds and frees its tree recursively, and so do the
+ * walks of a list, so the limit is what keeps them from running out of stack. */
+#define UTILS_PLIST_DEPTH_MAX 512
+
 /* The property list in `length` bytes (XML or binary), as plist_from_file reads a file's
- * (plist.c); null for anything else. */
+ * (plist.c); null with errno EINVAL for anything else. */
 QZUTILS_EXPORT plist_t utils_plist_from_memory(const char *bytes, size_t length);
 
 #ifdef __cplusplus
