@@ -4,6 +4,12 @@
 
 #include <QZApp/QZMainThread.h>
 
+#include <climits>
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 QZHelperToolDelegate::~QZHelperToolDelegate() = default;
 
 void QZHelperToolDelegate::helperToolCommand(const std::shared_ptr<QZHelperCommand> &, const QString &)
@@ -67,6 +73,22 @@ void QZHelperCommand::publishStatus(qint32 status)
 void QZHelperCommand::wakeStatusWaiters()
 {
     m_status.notify_all();
+    // Pairs with the increment in sleepUntilReplied(): either the sleeper sees the new status
+    // before it sleeps, or this sees the sleeper.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (m_sleepers.load(std::memory_order_relaxed) > 0)
+        syscall(SYS_futex, &m_status, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+void QZHelperCommand::sleepUntilReplied()
+{
+    static_assert(sizeof(m_status) == sizeof(int) && std::atomic<qint32>::is_always_lock_free);
+    m_sleepers.fetch_add(1, std::memory_order_seq_cst);
+    while (m_status.load(std::memory_order_seq_cst) == NoReply) {
+        // The kernel sleeps only while the word still holds NoReply.
+        syscall(SYS_futex, &m_status, FUTEX_WAIT_PRIVATE, NoReply, nullptr, nullptr, 0);
+    }
+    m_sleepers.fetch_sub(1, std::memory_order_relaxed);
 }
 
 qint32 QZHelperCommand::getStatus()

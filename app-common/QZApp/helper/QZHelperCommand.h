@@ -110,10 +110,15 @@ private:
     void setAborted(bool aborted) { m_aborted.store(aborted, std::memory_order_relaxed); }
     void publishStatus(qint32 status);
     void wakeStatusWaiters();
+    // Sleeps in the kernel until the status is no longer NoReply, without first spinning or
+    // yielding the processor (what std::atomic::wait does), for a machine whose processors
+    // are all busy.
+    void sleepUntilReplied();
 
     const QString m_commandString;
     std::atomic<quint32> m_commandID { 0 };
     std::atomic<qint32> m_status { NoReply };
+    std::atomic<int> m_sleepers { 0 };   // callers in sleepUntilReplied()
     std::atomic<bool> m_fileDescriptorAvailable { false };
     std::atomic<bool> m_progressOnMainThread { false };
     std::atomic<bool> m_aborted { false };

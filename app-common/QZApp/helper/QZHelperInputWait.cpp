@@ -28,6 +28,23 @@ bool severalProcessors()
 
 } // namespace
 
+std::atomic<QZHelperInputWait::Clock::rep> QZHelperInputWait::s_busyUntil { 0 };
+
+bool QZHelperInputWait::processorsBusy(bool probe)
+{
+    const Clock::time_point before = Clock::now();
+    if (before.time_since_epoch().count() < s_busyUntil.load(std::memory_order_relaxed))
+        return true;
+    if (!probe)
+        return false;
+    sched_yield();
+    const Clock::time_point after = Clock::now();
+    if (after - before <= kSlowYield)
+        return false;
+    s_busyUntil.store((after + kCoolDown).time_since_epoch().count(), std::memory_order_relaxed);
+    return true;
+}
+
 QZHelperInputWait::QZHelperInputWait()
     : m_canLinger(severalProcessors())
 {
@@ -90,5 +107,6 @@ bool QZHelperInputWait::giveWay()
     m_coolDown = after - m_busyUntil > kLongestCoolDown ? Clock::duration(kCoolDown)
                                                         : std::min<Clock::duration>(2 * m_coolDown, kLongestCoolDown);
     m_busyUntil = after + m_coolDown;
+    s_busyUntil.store(m_busyUntil.time_since_epoch().count(), std::memory_order_relaxed);
     return false;
 }

@@ -21,8 +21,15 @@
 //   ended with nothing read (callers that pause between commands), and then tries one round in
 //   kProbeEvery only;
 // - it never lingers on a machine with one processor.
+//
+// What the receiver learns about a busy machine also tells callers how to wait for their
+// replies (processorsBusy()): on an idle machine a caller yields the processor a few times
+// before it sleeps, which lets several callers share two processors without sleeping; on a
+// saturated one each of those yields can cost a whole time slice behind other programs, so
+// callers sleep at once.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 
 class QZHelperInputWait
@@ -36,6 +43,10 @@ public:
     void received() { m_lastInput = Clock::now(); }
     // Returns when `socket` has input (or has ended); `waitingCallers` callers wait for replies.
     void wait(int socket, int waitingCallers);
+
+    // True while other programs were lately seen waiting for this process's processors. A
+    // caller about to wait asks this; with `probe` it first yields once and times the yield.
+    static bool processorsBusy(bool probe);
 
 private:
     // Long enough to cover the helper's answer to the next request (about 10 µs) several times.
@@ -56,6 +67,9 @@ private:
     enum class Linger { Arrived, Nothing, Busy };
     Linger linger(int socket, Clock::time_point until);
     bool giveWay();
+
+    // Until when callers sleep at once (a steady-clock count); shared by every receiver.
+    static std::atomic<Clock::rep> s_busyUntil;
 
     const bool m_canLinger;
     Clock::time_point m_lastInput = Clock::now();

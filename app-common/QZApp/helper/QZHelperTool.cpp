@@ -2,6 +2,7 @@
 // completion and the blocking perform calls.
 #include "QZHelperTool.h"
 
+#include "QZHelperInputWait_p.h"
 #include "QZHelperSocket_p.h"
 #include "QZHelperTool_p.h"
 
@@ -198,14 +199,19 @@ std::shared_ptr<QZHelperCommand> QZHelperTool::issueCommand(const QString &comma
 // A reply wakes only those waiting for its command: they sleep on the command's status word
 // (which is written under the lock, like every other field the receiver changes), so callers
 // on many threads do not all wake for every reply. The receiver counts the waiting callers to
-// decide whether to linger for the next reply.
+// decide whether to linger for the next reply. A caller that waits beside others on a machine
+// whose processors are all busy sleeps at once instead of yielding first.
 void QZHelperTool::waitForCommandResponse(const std::shared_ptr<QZHelperCommand> &command)
 {
     if (command->commandID() == 0 || command->status() != QZHelperCommand::NoReply)
         return;   // never sent (there is no reply to wait for), or answered already
-    d->waitingCallers.fetch_add(1, std::memory_order_relaxed);
-    while (command->status() == QZHelperCommand::NoReply)
-        command->m_status.wait(QZHelperCommand::NoReply, std::memory_order_acquire);
+    const int others = d->waitingCallers.fetch_add(1, std::memory_order_relaxed);
+    if (others > 0 && QZHelperInputWait::processorsBusy(true)) {
+        command->sleepUntilReplied();
+    } else {
+        while (command->status() == QZHelperCommand::NoReply)
+            command->m_status.wait(QZHelperCommand::NoReply, std::memory_order_acquire);
+    }
     d->waitingCallers.fetch_sub(1, std::memory_order_relaxed);
 }
 
