@@ -11,7 +11,7 @@ class QTextDocument;
 // Delivers through an SMTP server (group "QZMail/SMTP" of the settings: server, port,
 // security "ssl" | "starttls" | "none", user, sender, caFile, allowPlainLogin). The password
 // comes from the Secret Service only.
-class QZSMTPMailClient final : public QZMailClient
+class QZMAIL_EXPORT QZSMTPMailClient final : public QZMailClient
 {
 public:
     static bool isConfigured();
@@ -20,7 +20,7 @@ public:
 };
 
 // Opens the user's mail program with the message filled in (xdg-email). Main thread only.
-class QZComposeMailClient final : public QZMailClient
+class QZMAIL_EXPORT QZComposeMailClient final : public QZMailClient
 {
 public:
     static bool isAvailable();
