@@ -51,6 +51,9 @@ bool lookUpPassword(const Settings &s, std::string *password, QString *reason)
     gchar *secret = secret_password_lookup_nonpageable_sync(SECRET_SCHEMA_COMPAT_NETWORK, nullptr, &failure,
                                                             "server", server.constData(), "protocol", "smtp",
                                                             "user", user.constData(), nullptr);
+    // Sends are rare: the next one connects anew rather than keep a connection to a session bus
+    // that may have gone away since.
+    secret_service_disconnect();
     if (failure) {
         *reason = QString::fromUtf8(failure->message);
         g_error_free(failure);
