@@ -219,11 +219,13 @@ QString thunderbirdAddress()
 {
     const StringMap prefs = thunderbirdStringPrefs(thunderbirdProfile());
     static const QRegularExpression name(QStringLiteral("^[A-Za-z0-9_.-]+$"));
-    const QStringList accounts = prefs.value(QStringLiteral("mail.accountmanager.accounts")).split(QLatin1Char(','));
-    for (const QString &entry : accounts) {
-        const QString account = entry.trimmed();
+    QStringList accounts = prefs.value(QStringLiteral("mail.accountmanager.accounts")).split(QLatin1Char(','));
+    for (QString &account : accounts) {
+        account = account.trimmed();
         if (!name.match(account).hasMatch())
-            return QString();   // a malformed list: this source has no answer
+            return QString();   // a malformed list (or none): this source has no answer
+    }
+    for (const QString &account : accounts) {
         const QString identities = prefs.value(QStringLiteral("mail.account.%1.identities").arg(account));
         const QString identity = identities.section(QLatin1Char(','), 0, 0).trimmed();
         if (identity.isEmpty())

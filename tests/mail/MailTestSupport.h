@@ -73,6 +73,15 @@ public:
     Service &operator=(const Service &) = delete;
 
     QString firstLine() const { return m_firstLine; }
+    // For a daemon that does not watch its standard input.
+    void terminate()
+    {
+        m_process.terminate();
+        if (!m_process.waitForFinished(3000)) {
+            m_process.kill();
+            m_process.waitForFinished();
+        }
+    }
     void stop()
     {
         if (m_process.state() == QProcess::NotRunning)
@@ -124,7 +133,10 @@ public:
     }
     void lockLogin() const
     {
-        runProgram(QStringLiteral("secret-tool"), { QStringLiteral("lock"), QStringLiteral("--collection=login") },
+        runProgram(QStringLiteral("dbus-send"), { QStringLiteral("--session"), QStringLiteral("--print-reply"),
+                                                  QStringLiteral("--dest=org.freedesktop.secrets"), QStringLiteral("/org/freedesktop/secrets"),
+                                                  QStringLiteral("org.freedesktop.Secret.Service.Lock"),
+                                                  QStringLiteral("array:objpath:/org/freedesktop/secrets/collection/login") },
                    QByteArray(), m_environment);
     }
 
