@@ -56,7 +56,7 @@ public:
     QString address() const { return m_address; }
     void startDaemon()
     {
-        m_daemon = std::make_unique<Service>(QStringLiteral("/usr/libexec/accounts-daemon"), QStringList(), QByteArray(), m_environment);
+        m_daemon = std::make_unique<Service>(QStringLiteral("/usr/libexec/accounts-daemon"), QStringList(), QByteArray(), m_environment, false);
         QDeadlineTimer deadline(20000);
         while (!deadline.hasExpired()
                && !runProgram(QStringLiteral("dbus-send"),

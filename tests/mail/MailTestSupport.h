@@ -51,18 +51,20 @@ inline QByteArray runProgram(const QString &program, const QStringList &argument
     return process.readAllStandardOutput();
 }
 
-// A service process: started, its first output line read, stopped by closing its standard
+// A service process: started, its first output line read (unless it prints none), stopped by closing its standard
 // input (killed if it does not end within ten seconds).
 class Service
 {
 public:
     Service(const QString &program, const QStringList &arguments, const QByteArray &input = {},
-            const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
+            const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), bool readsFirstLine = true)
     {
         m_process.setProcessEnvironment(environment);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.start(program, arguments);
         m_process.write(input);
+        if (!readsFirstLine)
+            return;
         QDeadlineTimer deadline(30000);
         while (!m_process.canReadLine() && !deadline.hasExpired() && m_process.state() != QProcess::NotRunning)
             m_process.waitForReadyRead(100);
