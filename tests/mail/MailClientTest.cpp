@@ -1,6 +1,7 @@
 // The mail clients against real servers: an SMTP server with STARTTLS and login, an HTTPS form
 // endpoint, and a recording xdg-email; the SMTP password from a real Secret Service.
 #include "mail/MailTestSupport.h"
+#include "support/QzutilRunner.h"
 
 #include <QZMail/QZMailClient.h>
 #include <QZMail/QZWebMailClient.h>
@@ -343,6 +344,20 @@ TEST_F(MailClientTest, ComposeOpensTheMailProgramThroughXdgEmail)
                                       "--attach", m_attachments[0].toUtf8(), "--attach", m_attachments[1].toUtf8(),
                                       "bugs@example.org" };
     EXPECT_EQ(arguments, expected);
+
+    // qzutil mail --compose takes the same way.
+    QFile::remove(bin + QStringLiteral("/xdg-email.args"));
+    const ToolResult composed = runQzutil({ QStringLiteral("mail"), QStringLiteral("--to"), QStringLiteral("bugs@example.org"),
+                                            QStringLiteral("--subject"), QStringLiteral("Logs"), QStringLiteral("--body"),
+                                            QStringLiteral("See attached."), QStringLiteral("--attach"), m_attachments[0],
+                                            QStringLiteral("--compose") });
+    EXPECT_EQ(composed.exitCode, 0) << composed.err.toStdString();
+    deadline.setRemainingTime(10000);
+    while (!QFile::exists(bin + QStringLiteral("/xdg-email.args")) && !deadline.hasExpired())
+        QThread::msleep(20);
+    EXPECT_EQ(readFile(bin + QStringLiteral("/xdg-email.args")),
+              QByteArray("--subject\0Logs\0--body\0See attached.\n\0--attach\0", 46) + m_attachments[0].toUtf8()
+                      + QByteArray("\0bugs@example.org\0", 18));
 
     // No mailto: handler and no SMTP settings: no client at all.
     writeFile(bin + QStringLiteral("/xdg-mime.none"), "");
