@@ -84,13 +84,14 @@ private:
     QDBusConnection m_connection;
 };
 
+// A call that lets no service ask the user anything; the Secret Service is never started by
+// it (a keyring daemon started now could only be a locked one), AccountsService may be.
 QDBusMessage call(QDBusConnection &connection, const QString &service, const QString &path,
                   const QString &interface, const QString &method, const QVariantList &arguments = {})
 {
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, method);
     message.setArguments(arguments);
-    // Never start a service nor let one ask the user anything.
-    message.setAutoStartService(false);
+    message.setAutoStartService(service != QLatin1String("org.freedesktop.secrets"));
     message.setInteractiveAuthorizationAllowed(false);
     return connection.call(message, QDBus::Block, kCallTimeout);
 }
