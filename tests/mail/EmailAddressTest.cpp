@@ -37,7 +37,8 @@ public:
         writeFile(dir + u"/bus.conf"_s, "<busconfig><type>system</type><listen>unix:path=" + dir.toUtf8() + "/system_bus_socket</listen>"
                   "<auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/>"
                   "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/></policy></busconfig>\n");
-        m_bus = std::make_unique<Service>(u"dbus-daemon"_s, u"--config-file=%1/bus.conf --nofork --nopidfile --print-address=1"_s.arg(dir).split(u' '));
+        m_bus = std::make_unique<Service>(u"dbus-daemon"_s, u"--config-file=%1/bus.conf --nofork --nopidfile --print-address=1"_s.arg(dir).split(u' '),
+                                          QByteArray(), QProcessEnvironment::systemEnvironment(), true, true);
         m_environment.insert(u"DBUS_SYSTEM_BUS_ADDRESS"_s, address());
         startDaemon();
     }
@@ -50,7 +51,7 @@ public:
     QString address() const { return m_bus->firstLine(); }
     void startDaemon()
     {
-        m_daemon = std::make_unique<Service>(u"/usr/libexec/accounts-daemon"_s, QStringList(), QByteArray(), m_environment, false);
+        m_daemon = std::make_unique<Service>(u"/usr/libexec/accounts-daemon"_s, QStringList(), QByteArray(), m_environment, false, true);
         for (QDeadlineTimer deadline(20000);
              !deadline.hasExpired() && !runProgram(u"dbus-send"_s, u"--system --print-reply --dest=org.freedesktop.DBus / "
                                                                     "org.freedesktop.DBus.NameHasOwner string:org.freedesktop.Accounts"_s.split(u' '),

@@ -9,6 +9,9 @@
 #include <QFile>
 #include <QProcess>
 
+#include <sys/prctl.h>
+
+#include <csignal>
 #include <memory>
 
 namespace qztest {
@@ -55,8 +58,12 @@ class Service
 {
 public:
     Service(const QString &program, const QStringList &arguments, const QByteArray &input = {},
-            const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), bool printsLine = true)
+            const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), bool printsLine = true,
+            bool isDaemon = false)
     {
+        // A daemon ignores its standard input: it goes when the test process goes, however that ends.
+        if (isDaemon)
+            m_process.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
         m_process.setProcessEnvironment(environment);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.start(program, arguments);
