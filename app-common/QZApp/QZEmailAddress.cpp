@@ -106,7 +106,7 @@ QVariant propertyOf(QDBusConnection &connection, const QString &service, const Q
     return qvariant_cast<QDBusVariant>(reply->arguments().first()).variant();
 }
 
-// 1. A saved web login: the user name of an unlocked network-password item of the vendor's
+// A saved web login: the user name of an unlocked network-password item of the vendor's
 // HTTPS host, login form. The secret itself is never asked for.
 QString savedWebLogin()
 {
@@ -215,7 +215,7 @@ StringMap thunderbirdStringPrefs(const QString &profile)
     return prefs;
 }
 
-// 2a. Thunderbird: the accounts in the account manager's order, each account's first identity.
+// Thunderbird: the accounts in the account manager's order, each account's first identity.
 QString thunderbirdAddress()
 {
     const StringMap prefs = thunderbirdStringPrefs(thunderbirdProfile());
@@ -238,7 +238,7 @@ QString thunderbirdAddress()
     return QString();
 }
 
-// 2b. Evolution: the mail identities of the sources in file-name order, active ones only.
+// Evolution: the mail identities of the sources in file-name order, active ones only.
 QString evolutionAddress()
 {
     const QString base = qEnvironmentVariable("XDG_CONFIG_HOME", homePath(".config"));
@@ -293,7 +293,7 @@ QString accountsServiceEmail(QDBusConnection &connection, bool log)
     return email.toString().isEmpty() ? QString() : email.toString();
 }
 
-// 3a. The record through the process's one system-bus connection, made on first use; once
+// The record through the process's one system-bus connection, made on first use; once
 // it has failed, this source stays silent for the rest of the process.
 QString userRecordThroughProcessConnection()
 {
@@ -311,7 +311,7 @@ QString userRecordThroughProcessConnection()
     return accountsServiceEmail(connection, false);
 }
 
-// 3b. The record through a fresh connection, each failing step written to the console.
+// The record through a fresh connection, each failing step written to the console.
 QString userRecordThroughFreshConnection()
 {
     const QString address = systemBusAddress();
@@ -327,6 +327,8 @@ QString userRecordThroughFreshConnection()
     return accountsServiceEmail(bus.connection(), true);
 }
 
+// The user's record: a system version older than the reference version reads it through the
+// process connection, any other through a fresh one (tests may choose).
 QString userRecord()
 {
     UserRecordBranch branch = s_branch.load();
