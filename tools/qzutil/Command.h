@@ -43,6 +43,8 @@ public:
     bool isSet(const char *option) const { return m_parser.isSet(QLatin1String(option)); }
     // The value given last, or a null string.
     QString value(const char *option) const { return m_parser.value(QLatin1String(option)); }
+    // Every value of an option that may be given more than once, in order.
+    QStringList values(const char *option) const { return m_parser.values(QLatin1String(option)); }
     // The operands as text (the system's encoding, UTF-8).
     const QStringList &operands() const { return m_operands; }
     // The same operands as the bytes of the process's argument vector, for commands that must

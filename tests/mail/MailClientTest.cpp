@@ -1,0 +1,291 @@
+// The mail clients against real servers: SMTP with STARTTLS and login (the password from a real
+// Secret Service), an HTTPS form endpoint, and a recording xdg-email.
+#include "mail/MailTestSupport.h"
+#include "support/QzutilRunner.h"
+
+#include <QZMail/QZMailClient.h>
+#include <QZMail/QZWebMailClient.h>
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTextCursor>
+#include <QTextDocument>
+#include <QThread>
+
+#include <mutex>
+
+using namespace qztest;
+
+// LeakSanitizer: gio keeps small per-process allocations that it makes inside libsecret's
+// password lookup (the SMTP client's one libsecret call); they are not the client's. Stacks
+// are unwound slowly so that they reach through glib's frames to libsecret.
+extern "C" __attribute__((visibility("default"), used)) const char *__lsan_default_suppressions()
+{
+    return "leak:libsecret-1.so\n";
+}
+extern "C" __attribute__((visibility("default"), used)) const char *__asan_default_options()
+{
+    return "fast_unwind_on_malloc=0";
+}
+// ThreadSanitizer: glib and gio are not instrumented, so the hand-offs between libsecret's
+// caller and gio's worker thread look like races inside them.
+extern "C" __attribute__((visibility("default"), used)) const char *__tsan_default_suppressions()
+{
+    return "called_from_lib:libglib-2.0.so.0\ncalled_from_lib:libgio-2.0.so.0\nrace:libglib-2.0.so.0\nrace:libgio-2.0.so.0\n";
+}
+
+namespace {
+
+const QString kSubject = u"Bug Report : Disk Tool : 1.0 (42) \u2013 d\u00e9j\u00e0 vu, long enough for two encoded words"_s;
+const QVariantMap kHeaders{ { u"To"_s, u"Bug Desk <bugs@example.org>"_s }, { u"Subject"_s, kSubject },
+                            { u"From"_s, u"R\u00e9porter <reporter@example.net>"_s } };
+
+QByteArray decoded(const QJsonValue &value)
+{
+    return QByteArray::fromBase64(value.toString().toLatin1());
+}
+
+// Every message of Qt's handler, any category.
+QStringList s_log;
+std::mutex s_logMutex;
+void recordMessage(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    std::lock_guard lock(s_logMutex);
+    s_log.append(message);
+}
+
+class MailClientTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        static QTemporaryDir config;   // QSettings keeps the first location it finds
+        qputenv("XDG_CONFIG_HOME", config.path().toUtf8());
+        QSettings().clear();
+        d = m_dir.path();
+        runProgram(u"openssl"_s, u"req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
+                                 "subjectAltName=IP:127.0.0.1 -keyout %1/key.pem -out %1/cert.pem"_s.arg(d).split(u' '));
+        // Two gzip attachments, as the reporter makes them.
+        for (const QString &name : { u"system.log"_s, u"crash report.txt"_s }) {
+            QByteArray text;
+            for (int i = 0; i < 2000; i++)
+                text += name.toUtf8() + " line " + QByteArray::number(i) + "\n";
+            writeFile(d + u'/' + name, text);
+            m_originals.append(text);
+            m_gzips.append(runProgram(u"gzip"_s, { u"-c"_s, d + u'/' + name }));
+            m_attachments.append(d + u'/' + name + u".gz"_s);
+            writeFile(m_attachments.last(), m_gzips.last());
+        }
+        // A report-shaped message: bold labels, three text sections, the two attachments.
+        QTextCursor cursor(&m_report);
+        QTextCharFormat label;
+        label.setFontWeight(QFont::Bold);
+        for (const auto &[title, text] : { std::pair{ u"Product"_s, u"Disk Tool 1.0 (42)"_s },
+                                           { u"Short Description"_s, u"Copy stops at 99 %"_s },
+                                           { u"Full Description"_s, u"It stops.\nEvery time, <and> & \u00fcmlauts."_s },
+                                           { u"Additional Information"_s, u"none"_s } }) {
+            cursor.insertText(title, label);
+            cursor.insertText(u'\n' + text + u"\n\n"_s, QTextCharFormat());
+        }
+        cursor.insertText(u"Attachments"_s, label);
+        cursor.insertText(u"\n"_s, QTextCharFormat());
+        for (const QString &path : m_attachments)
+            QZ::insertMailAttachment(cursor, path);
+    }
+
+    // SMTP settings, and a fresh server that takes the password "right-password".
+    std::unique_ptr<Service> startSmtp(const QString &outdir, bool closeMidMessage = false,
+                                       const QString &security = u"starttls"_s, bool withCa = true)
+    {
+        QDir().mkpath(outdir);
+        QStringList arguments{ u"" MAIL_TEST_DIR "/smtp_server.py"_s, d + u"/cert.pem"_s, d + u"/key.pem"_s, u"reporter"_s, outdir };
+        if (closeMidMessage)
+            arguments << u"close"_s;
+        auto server = std::make_unique<Service>(kPython, arguments, "right-password\n");
+        EXPECT_FALSE(server->firstLine().isEmpty()) << "the SMTP server did not start";
+        QSettings settings;
+        settings.clear();
+        const std::pair<QString, QVariant> values[] = {
+            { u"server"_s, u"127.0.0.1"_s }, { u"port"_s, server->firstLine() }, { u"security"_s, security },
+            { u"user"_s, u"reporter"_s }, { u"sender"_s, u"app@example.org"_s }, { u"caFile"_s, withCa ? d + u"/cert.pem"_s : QString() } };
+        for (const auto &[key, value] : values)
+            settings.setValue(u"QZMail/SMTP/"_s + key, value);
+        return server;
+    }
+
+    QTemporaryDir m_dir;
+    QString d;
+    QTextDocument m_report;
+    QStringList m_attachments;
+    QList<QByteArray> m_originals, m_gzips;
+};
+
+TEST_F(MailClientTest, SmtpDeliversAReportIntactOverStartTlsWithLogin)
+{
+    KeyringSession keyring(d + u"/home"_s);
+    ASSERT_FALSE(keyring.address().isEmpty()) << "the Secret Service did not start";
+    qputenv("DBUS_SESSION_BUS_ADDRESS", keyring.address().toUtf8());
+    keyring.store(u"127.0.0.1"_s, u"smtp"_s, u"reporter"_s, "right-password");
+    auto server = startSmtp(d + u"/out"_s);
+    const std::shared_ptr<QZMailClient> client = QZMailClient::defaultClient();
+    ASSERT_TRUE(client);
+    EXPECT_EQ(client->features(), QZMailClient::ThreadSafe | QZMailClient::SenderAddress);
+    QZError error;
+    const QtMessageHandler previous = qInstallMessageHandler(recordMessage);
+    ASSERT_TRUE(client->deliverMessage(m_report, kHeaders, &error)) << error.message().toStdString();
+    qInstallMessageHandler(previous);
+
+    // Python's MIME parser read what arrived.
+    const QJsonObject received = QJsonDocument::fromJson(readFile(d + u"/out/0.json"_s)).object();
+    EXPECT_EQ(received[u"mail_from"_s], u"reporter@example.net"_s);
+    EXPECT_EQ(received[u"rcpt_tos"_s], QJsonArray{ u"bugs@example.org"_s });
+    const QJsonObject headers = received[u"headers"_s].toObject();
+    for (const char *name : { "From", "To", "Subject" })
+        EXPECT_EQ(headers[QLatin1String(name)], kHeaders[QLatin1String(name)].toString()) << name;
+    EXPECT_EQ(headers[u"MIME-Version"_s], u"1.0"_s);
+    EXPECT_TRUE(QDateTime::fromString(headers[u"Date"_s].toString(), Qt::RFC2822Date).isValid());
+    EXPECT_TRUE(headers[u"Message-ID"_s].toString().endsWith(u"@example.net>"_s));
+    const QJsonArray parts = received[u"parts"_s].toArray();
+    ASSERT_EQ(parts.size(), 6);
+    QStringList types;
+    for (const QJsonValue &part : parts)
+        types << part[u"type"_s].toString();
+    EXPECT_EQ(types, u"multipart/mixed multipart/alternative text/plain text/html application/gzip application/gzip"_s.split(u' '));
+    EXPECT_EQ(QString::fromUtf8(decoded(parts[2][u"data"_s])).remove(u'\r'),
+              u"Product\nDisk Tool 1.0 (42)\n\nShort Description\nCopy stops at 99 %\n\nFull Description\nIt stops.\n"
+              "Every time, <and> & \u00fcmlauts.\n\nAdditional Information\nnone\n\nAttachments\n"_s);
+    const QString html = QString::fromUtf8(decoded(parts[3][u"data"_s]));
+    for (const char *label : { "Product", "Short Description", "Full Description", "Additional Information" })
+        EXPECT_TRUE(html.contains(u"font-weight:700;\">%1</span>"_s.arg(QLatin1String(label)))) << label;
+    EXPECT_TRUE(html.contains(u"&lt;and&gt; &amp; \u00fcmlauts"_s));
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(parts[4 + i][u"filename"_s], m_attachments[i].section(u'/', -1));
+        EXPECT_EQ(parts[4 + i][u"disposition"_s], u"attachment"_s);
+        EXPECT_EQ(decoded(parts[4 + i][u"data"_s]), m_gzips[i]);
+        EXPECT_EQ(runProgram(u"gzip"_s, { u"-dc"_s }, decoded(parts[4 + i][u"data"_s])), m_originals[i]);
+    }
+    // The password lives in the Secret Service only.
+    EXPECT_FALSE(readFile(QSettings().fileName()).contains("right-password"));
+    EXPECT_FALSE(s_log.join(u'\n').contains(u"right-password"_s));
+}
+
+TEST_F(MailClientTest, SmtpFailuresComeBackAsTheClientsError)
+{
+    KeyringSession keyring(d + u"/home"_s);
+    ASSERT_FALSE(keyring.address().isEmpty()) << "the Secret Service did not start";
+    qputenv("DBUS_SESSION_BUS_ADDRESS", keyring.address().toUtf8());
+    struct Case {
+        const char *name;
+        QByteArray password;   // stored before the attempt (replacing the last one); empty: none yet
+        const char *to;
+        bool closeMidMessage;
+        const char *security;
+        bool withCa;
+        QZMailErrorCode code;
+        const char *reasonPart;
+    };
+    const Case cases[] = {
+        { "no password stored", "", "bugs@example.org", false, "starttls", true, QZMailErrorNoPassword, "password" },
+        { "refused login", "wrong-password", "bugs@example.org", false, "starttls", true, QZMailErrorTransfer, "refused the login" },
+        { "refused recipient", "right-password", "nobody@example.org", false, "starttls", true, QZMailErrorTransfer, "550" },
+        { "closed mid-message", "right-password", "bugs@example.org", true, "starttls", true, QZMailErrorTransfer, "could not be sent" },
+        { "untrusted certificate", "right-password", "bugs@example.org", false, "starttls", false, QZMailErrorTransfer, "certificate" },
+        { "login without TLS", "right-password", "bugs@example.org", false, "none", true, QZMailErrorInsecureLogin, "plain connection" },
+    };
+    int n = 0;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        if (!c.password.isEmpty())
+            keyring.store(u"127.0.0.1"_s, u"smtp"_s, u"reporter"_s, c.password);
+        auto server = startSmtp(d + u"/out%1"_s.arg(n++), c.closeMidMessage, QLatin1String(c.security), c.withCa);
+        QZError error;
+        EXPECT_FALSE(QZMailClient::defaultClient()->deliverMessage(
+                m_report, { { u"To"_s, QLatin1String(c.to) }, { u"Subject"_s, kSubject } }, &error));
+        EXPECT_EQ(error.domain(), QZMailErrorDomain);
+        EXPECT_EQ(error.code(), c.code);
+        EXPECT_TRUE(error.message().contains(QLatin1String(c.reasonPart))) << error.message().toStdString();
+    }
+}
+
+TEST_F(MailClientTest, WebMailPostsTheReportToTheRecipientDomainsEndpoint)
+{
+    QDir().mkpath(d + u"/posts"_s);
+    Service server(kPython, { u"" MAIL_TEST_DIR "/https_server.py"_s, d + u"/cert.pem"_s, d + u"/key.pem"_s, d + u"/posts"_s });
+    ASSERT_FALSE(server.firstLine().isEmpty()) << "the HTTPS server did not start";
+    QSettings settings;
+    settings.setValue(u"QZMail/Web/example.org"_s, u"https://127.0.0.1:%1/report"_s.arg(server.firstLine()));
+    settings.setValue(u"QZMail/Web/refusing.example"_s, u"https://127.0.0.1:%1/refuse"_s.arg(server.firstLine()));
+    settings.setValue(u"QZMail/WebOptions/caFile"_s, d + u"/cert.pem"_s);
+
+    const std::shared_ptr<QZWebMailClient> client = QZWebMailClient::mailClient();
+    EXPECT_EQ(client, QZWebMailClient::mailClient());
+    EXPECT_TRUE(client->shouldUseClientToDeliverTo(u"Bug Desk <bugs@Example.ORG>"_s));
+    EXPECT_FALSE(client->shouldUseClientToDeliverTo(u"bugs@example.net"_s));
+    EXPECT_EQ(client->features(), QZMailClient::ThreadSafe | QZMailClient::SenderAddress);
+    QZError error;
+    ASSERT_TRUE(client->deliverMessage(m_report, kHeaders, &error)) << error.message().toStdString();
+    const QJsonObject post = QJsonDocument::fromJson(readFile(d + u"/posts/0.json"_s)).object();
+    EXPECT_TRUE(post[u"content_type"_s].toString().startsWith(u"multipart/form-data"_s));
+    QMap<QString, QList<QJsonValue>> fields;
+    for (const QJsonValue &field : post[u"fields"_s].toArray())
+        fields[field[u"name"_s].toString()].append(field);
+    for (const auto &[field, header] : { std::pair{ "to", "To" }, { "from", "From" }, { "subject", "Subject" } })
+        EXPECT_EQ(QString::fromUtf8(decoded(fields[QLatin1String(field)].value(0)[u"data"_s])), kHeaders[QLatin1String(header)]);
+    EXPECT_TRUE(decoded(fields[u"text"_s].value(0)[u"data"_s]).startsWith("Product\nDisk Tool 1.0 (42)\n"));
+    EXPECT_TRUE(decoded(fields[u"html"_s].value(0)[u"data"_s]).contains("font-weight:700;\">Product</span>"));
+    ASSERT_EQ(fields[u"attachment"_s].size(), 2);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(fields[u"attachment"_s][i][u"filename"_s], m_attachments[i].section(u'/', -1));
+        EXPECT_EQ(decoded(fields[u"attachment"_s][i][u"data"_s]), m_gzips[i]);
+    }
+    EXPECT_FALSE(client->deliverMessage(m_report, { { u"To"_s, u"bugs@refusing.example"_s } }, &error));
+    EXPECT_TRUE(error.code() == QZMailErrorTransfer && error.message().contains(u"403"_s)) << error.message().toStdString();
+}
+
+TEST_F(MailClientTest, ComposeOpensTheMailProgramThroughXdgEmail)
+{
+    // A recording xdg-email and an xdg-mime that knows a mailto: handler, first on PATH.
+    const QString bin = d + u"/bin"_s, record = bin + u"/xdg-email.args"_s;
+    writeFile(bin + u"/xdg-email"_s, "#!/bin/sh\nprintf '%s\\0' \"$@\" > \"$0.tmp\" && mv \"$0.tmp\" \"$0.args\"\n");
+    writeFile(bin + u"/xdg-mime"_s, "#!/bin/sh\n[ -e \"$0.none\" ] || echo mail.desktop\n");
+    QFile::setPermissions(bin + u"/xdg-email"_s, QFile::ReadOwner | QFile::ExeOwner);
+    QFile::setPermissions(bin + u"/xdg-mime"_s, QFile::ReadOwner | QFile::ExeOwner);
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", bin.toUtf8() + ':' + path);
+    const auto recorded = [&] {
+        for (QDeadlineTimer deadline(10000); !QFile::exists(record) && !deadline.hasExpired();)
+            QThread::msleep(20);
+        const QByteArray bytes = readFile(record);
+        QFile::remove(record);
+        return bytes;
+    };
+
+    const std::shared_ptr<QZMailClient> client = QZMailClient::defaultClient();
+    ASSERT_TRUE(client);
+    EXPECT_EQ(client->features(), QZMailClient::ComposesForUser);
+    QZError error;
+    EXPECT_FALSE(client->deliverMessage(m_report, kHeaders, &error));
+    ASSERT_TRUE(client->constructMessage(m_report, kHeaders, &error)) << error.message().toStdString();
+    const QString body = m_report.toPlainText().remove(QChar::ObjectReplacementCharacter);
+    EXPECT_EQ(recorded(), QStringList({ u"--subject"_s, kSubject, u"--body"_s, body, u"--attach"_s, m_attachments[0],
+                                        u"--attach"_s, m_attachments[1], u"bugs@example.org"_s, QString() })
+                                  .join(QChar()).toUtf8());
+    // qzutil mail --compose takes the same way.
+    const ToolResult composed = runQzutil({ u"mail"_s, u"--to"_s, u"bugs@example.org"_s, u"--subject"_s, u"Logs"_s, u"--body"_s,
+                                            u"See attached."_s, u"--attach"_s, m_attachments[0], u"--compose"_s });
+    EXPECT_EQ(composed.exitCode, 0) << composed.err.toStdString();
+    EXPECT_EQ(recorded(), QStringList({ u"--subject"_s, u"Logs"_s, u"--body"_s, u"See attached.\n"_s, u"--attach"_s,
+                                        m_attachments[0], u"bugs@example.org"_s, QString() })
+                                  .join(QChar()).toUtf8());
+
+    // No mailto: handler and no SMTP settings: no client at all.
+    writeFile(bin + u"/xdg-mime.none"_s, "");
+    EXPECT_FALSE(QZMailClient::defaultClient());
+    qputenv("PATH", path);
+}
+
+} // namespace

@@ -1,0 +1,140 @@
+// Real services for the mail and e-mail address tests: processes that each test starts, reads a
+// first line from, and stops; a Secret Service on a private session bus.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+
+#include <sys/prctl.h>
+
+#include <csignal>
+#include <memory>
+
+namespace qztest {
+
+using namespace Qt::StringLiterals;
+
+// Another python3 may come first on PATH without Debian's modules.
+inline const QString kPython = u"/usr/bin/python3"_s;
+
+inline void writeFile(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(path.section(u'/', 0, -2));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
+    file.write(bytes);
+}
+
+inline QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Runs a program to its end (at most a minute) and returns its output; failing is a test failure.
+inline QByteArray runProgram(const QString &program, const QStringList &arguments, const QByteArray &input = {},
+                             const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(60000))
+        process.kill();
+    process.waitForFinished();
+    EXPECT_TRUE(process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+            << program.toStdString() << ": " << process.readAllStandardError().toStdString();
+    return process.readAllStandardOutput();
+}
+
+// A service process, stopped when this goes away: by closing its standard input (the test
+// servers' signal to end), or with terminate() for a daemon; killed if it lingers.
+class Service
+{
+public:
+    Service(const QString &program, const QStringList &arguments, const QByteArray &input = {},
+            const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), bool printsLine = true,
+            bool isDaemon = false)
+    {
+        // A daemon ignores its standard input: it goes when the test process goes, however that ends.
+        if (isDaemon)
+            m_process.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
+        m_process.setProcessEnvironment(environment);
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(program, arguments);
+        m_process.write(input);
+        for (QDeadlineTimer deadline(30000); printsLine && !m_process.canReadLine() && !deadline.hasExpired()
+             && m_process.state() != QProcess::NotRunning;)
+            m_process.waitForReadyRead(100);
+        m_firstLine = QString::fromUtf8(m_process.readLine()).trimmed();
+    }
+    ~Service()
+    {
+        m_process.closeWriteChannel();
+        if (!m_process.waitForFinished(10000))
+            terminate();
+    }
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
+
+    QString firstLine() const { return m_firstLine; }
+    void terminate()
+    {
+        m_process.terminate();
+        if (!m_process.waitForFinished(3000))
+            m_process.kill();
+        m_process.waitForFinished();
+    }
+
+private:
+    QProcess m_process;
+    QString m_firstLine;
+};
+
+// gnome-keyring-daemon's Secret Service, its login keyring unlocked, inside dbus-run-session
+// with HOME at `home`. address() is empty when it did not start: tests assert on it.
+class KeyringSession
+{
+public:
+    explicit KeyringSession(const QString &home)
+    {
+        m_environment.insert(u"HOME"_s, home);
+        m_environment.insert(u"XDG_RUNTIME_DIR"_s, home + u"/run"_s);
+        m_environment.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
+        QDir().mkpath(home + u"/run"_s);
+        QFile::setPermissions(home + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        m_service = std::make_unique<Service>(u"dbus-run-session"_s, QStringList{ u"--"_s, u"sh"_s, u"" MAIL_TEST_DIR "/keyring_session.sh"_s },
+                                              QByteArray(), m_environment);
+        m_environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, address());
+    }
+
+    QString address() const { return m_service->firstLine(); }
+
+    // A network-password item in the login collection; the secret goes in on standard input.
+    void store(const QString &server, const QString &protocol, const QString &user, const QByteArray &secret,
+               const QString &authtype = QString()) const
+    {
+        QStringList arguments{ u"store"_s, u"--label=test"_s, u"--collection=login"_s, u"xdg:schema"_s,
+                               u"org.gnome.keyring.NetworkPassword"_s, u"server"_s, server, u"protocol"_s, protocol, u"user"_s, user };
+        if (!authtype.isEmpty())
+            arguments << u"authtype"_s << authtype;
+        runProgram(u"secret-tool"_s, arguments, secret, m_environment);
+    }
+    void lockLogin() const
+    {
+        runProgram(u"dbus-send"_s, u"--session --print-reply --dest=org.freedesktop.secrets /org/freedesktop/secrets "
+                                   "org.freedesktop.Secret.Service.Lock array:objpath:/org/freedesktop/secrets/collection/login"_s.split(u' '),
+                   QByteArray(), m_environment);
+    }
+
+private:
+    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
+    std::unique_ptr<Service> m_service;
+};
+
+} // namespace qztest
