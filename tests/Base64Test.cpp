@@ -6,6 +6,7 @@
 #include <QRandomGenerator>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -60,6 +61,35 @@ TEST(Base64, LinesHoldWholeGroupsUpToTheWidth)
               QByteArray("\r\nQUJD\r\nRA=="));
     EXPECT_FALSE(QZ::base64(QByteArrayView()).isNull());
     EXPECT_FALSE(QZ::base64Encoded(QByteArray()).isNull());
+}
+
+// Text cut anywhere into pieces decodes to the bytes of the whole: a group may be split across
+// pieces, between skipped characters, or left incomplete at the end.
+TEST(Base64, DecodingInPiecesEqualsDecodingWhole)
+{
+    for (qsizetype size : { 95, 96, 97, 98 }) {   // the last group: whole, or 2, 3 or 4 characters
+        SCOPED_TRACE(size);
+        const QByteArray data = randomBytes(size, 300 + quint32(size));
+        // Lines in both alphabets, CR LF and blanks between them, stray bytes inside a group.
+        QByteArray text = QZ::base64Encoded(data, QZ::Base64Alphabet::UrlSafe, 40, QZ::Base64LineBreak::CarriageReturnLineFeed);
+        text.replace(0, 40, QZ::base64Encoded(data.left(30)));
+        text.insert(text.size() - 2, " =\xe9\t");
+        text.insert(5, "==");
+        const QByteArray whole = QZ::dataWithBase64(QByteArrayView(text));
+        ASSERT_EQ(whole, data);
+        QZ::Base64Decoder decoder;
+        for (qsizetype first = 0; first <= text.size(); ++first) {
+            for (qsizetype second = first; second <= text.size(); second += 7) {
+                QByteArray out(QZ::Base64Decoder::maximumDecodedSize(text.size()) * 3, Qt::Uninitialized);
+                qsizetype n = 0;
+                for (const auto &[from, to] : { std::pair { qsizetype(0), first }, std::pair { first, second },
+                                                std::pair { second, text.size() } })
+                    n += decoder.decode(QByteArrayView(text).sliced(from, to - from), out.data() + n);
+                n += decoder.finish(out.data() + n);
+                ASSERT_EQ(out.left(n), whole) << first << " " << second;
+            }
+        }
+    }
 }
 
 // Every length around the vector and table paths' blocks at every width; decoded with a stray character.

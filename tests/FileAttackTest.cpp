@@ -355,20 +355,22 @@ void copyInto(const std::string &root, const std::string &file)
 
 TEST_F(Attack, TheRootFolderIsRefusedHoweverSpelled)
 {
-    // Only ever inside a scratch tmpfs that the child has made its root, holding qzutil, the
-    // libraries it loads and canary files: a fault here cannot reach the machine's own root.
+    // Only ever inside a scratch tmpfs that the child has made its root, holding qzutil, its
+    // command module, the libraries they load and canary files: a fault here cannot reach the machine's own root.
     ScratchVolume scratch(ScratchVolume::Tmpfs, 1ull << 30);
     ASSERT_TRUE(scratch.ok());
     const std::string marker = "/qz-scratch-root";
     const std::string qzutil = QZUTIL_PATH;
-    copyInto(scratch.path(), qzutil);
-    const Outcome libraries = runProgram({ "ldd", qzutil });
-    ASSERT_EQ(libraries.status, 0) << libraries.output;
-    std::istringstream lines(libraries.output);
-    std::string word;
-    while (lines >> word)   // "name => /path (address)", or "/path (address)" for the loader
-        if (word.front() == '/')
-            copyInto(scratch.path(), word);
+    for (const std::string &program : { qzutil, std::string(QZUTIL_COMMANDS_PATH) }) {   // delete is in the module
+        copyInto(scratch.path(), program);
+        const Outcome libraries = runProgram({ "ldd", program });
+        ASSERT_EQ(libraries.status, 0) << libraries.output;
+        std::istringstream lines(libraries.output);
+        std::string word;
+        while (lines >> word)   // "name => /path (address)", or "/path (address)" for the loader
+            if (word.front() == '/')
+                copyInto(scratch.path(), word);
+    }
     makeTree(scratch.path(), { { marker.substr(1), "" }, { "canary", "1" }, { "tmp/canary", "2" }, { "home/x/canary", "3" } });
     const std::string before = listing(scratch.path());
 

@@ -57,6 +57,15 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     const QByteArray rc4 = system(D("openssl|") + enc + QStringLiteral("-rc4|-K|0123456789abcdeffedcba9876543210"));
     const QByteArray cast5 = system(D("openssl|") + enc + QStringLiteral("-cast5-cfb|-K|0123456789abcdeffedcba9876543210|-iv|fedcba9876543210"));
     const QByteArray wrapped72 = system(D("base64|-w|72|%D/data"));
+    // Decoding goes block by block (a megabyte of text each): a text in both alphabets with
+    // blanks and line breaks just before each block's end, and shifted by up to three valid
+    // characters so that the blocks cut its groups at every place. Each must decode as a whole.
+    QByteArray mixed = wrapped72;
+    for (qsizetype at = mixed.size() / 3; at < 2 * mixed.size() / 3; ++at)
+        mixed[at] = mixed[at] == '+' ? '-' : mixed[at] == '/' ? '_' : mixed[at];
+    for (qsizetype block = 3; block > 0; --block)
+        mixed.insert(block * 1024 * 1024 - 2, "\r\n \t=");
+    const auto decodeRow = [&](const char *shift) { return QByteArray(shift) + mixed; };
 
     const struct {
         const char *arguments;   // separated by '|'; %D is the scratch folder
@@ -79,6 +88,10 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         { "base64|--mime|%D/data", {}, 0, system(D("base64|-w|68|%D/data")).replace("\n", "\r\n") },
         { "base64|--url|--width|5|%D/data", {}, 0, QZ::base64Encoded(data, QZ::Base64Alphabet::UrlSafe, 5) + "\n" },
         { "base64|--decode|%D/mime", {}, 0, data },
+        { "base64|--decode", decodeRow(""), 0, data },
+        { "base64|--decode", decodeRow("Q"), 0, QZ::dataWithBase64(QByteArrayView(decodeRow("Q"))) },
+        { "base64|--decode|-", decodeRow("QU"), 0, QZ::dataWithBase64(QByteArrayView(decodeRow("QU"))) },
+        { "base64|--decode", decodeRow("QUJ"), 0, QZ::dataWithBase64(QByteArrayView(decodeRow("QUJ"))) },
         { "base64|%D/absent", {}, 1, "" },
         { "encrypt|--cipher|des|--mode|cbc|--key|0123456789abcdef|--iv|fedcba9876543210|%D/data", {}, 0, des },
         { "decrypt|--cipher|des|--key|0123456789abcdef|--iv|fedcba9876543210", des, 0, data },
@@ -123,6 +136,34 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     const qztest::ToolResult os = runQzutil({ QStringLiteral("version"), QStringLiteral("os") });
     EXPECT_TRUE(os.exitCode == 0 && os.out.startsWith("kernel: " + system(QStringLiteral("uname|-r")) + "version: 10.")) << os.out.toStdString();
     EXPECT_EQ(system(D("cat|%D/deep/inner/file")), "content");
+}
+
+// base64 starts with Qt Core and nothing of the framework or the GUI; the other commands load
+// the command module.
+TEST(Qzutil, Base64LoadsOnlyWhatItNeeds)
+{
+    const auto loaded = [](const QStringList &arguments) {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("LD_DEBUG"), QStringLiteral("files"));
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral(QZUTIL_PATH), arguments);
+        process.write("TWFu");
+        process.closeWriteChannel();
+        EXPECT_TRUE(process.waitForFinished(60000));
+        EXPECT_EQ(process.exitCode(), 0);
+        return process.readAllStandardError();
+    };
+    for (const char *direction : { "", "--decode" }) {
+        QStringList arguments { QStringLiteral("base64") };
+        if (*direction)
+            arguments.append(QString::fromLatin1(direction));
+        const QByteArray log = loaded(arguments);
+        EXPECT_TRUE(log.contains("libQt6Core.so")) << "LD_DEBUG gave no list";
+        for (const char *library : { "qzutil-commands", "libQZApp", "libQt6Gui", "libQt6Widgets", "libQt6DBus", "libcrypto" })
+            EXPECT_FALSE(log.contains(library)) << direction << " loads " << library;
+    }
+    EXPECT_TRUE(loaded({ QStringLiteral("quote"), QStringLiteral("x") }).contains("qzutil-commands"));
 }
 
 // Help and the version go to standard output with status 0. Every command has a help text whose

@@ -149,39 +149,48 @@ inline bool decodeSixteen(const Char *p, quint32 g[4])
 // last vector block.
 constexpr qsizetype kDecodeSlack = 16;
 
-// Decodes `n` characters into `out`, which holds at least (n / 4) * 3 + kDecodeSlack bytes;
-// returns the number of bytes written.
+// Valid characters of a group not yet complete, carried from one piece of text to the next.
+struct PendingGroup {
+    quint32 bits = 0;
+    int count = 0;   // 0 to 3
+};
+
+// Decodes the whole groups that `pending` and the `n` characters at `p` make into `out`, which
+// holds at least (n / 4 + 1) * 3 + kDecodeSlack bytes; leaves the valid characters of a group
+// not yet complete in `pending` and returns the number of bytes written.
 template<typename Char>
-qsizetype decode(const Char *p, qsizetype n, char *out)
+qsizetype decodeGroups(const Char *p, qsizetype n, char *out, PendingGroup &pending)
 {
     const Char *const end = p + n;
     char *o = out;
+    quint32 bits = pending.bits;
+    int count = pending.count;
     for (;;) {
-        // Fast path: vector blocks where the processor has them, then four groups, then single
-        // groups, while every character is valid.
-        const qsizetype blocks = QZ::Base64Vector::decodeBlocks(p, end - p, o);
-        p += blocks;
-        o += blocks / 4 * 3;
-        quint32 g[4];
-        while (end - p >= 16 && decodeSixteen(p, g) && !isInvalid(g[0] | g[1] | g[2] | g[3])) {
-            storeGroup(o, g[0]);
-            storeGroup(o + 3, g[1]);
-            storeGroup(o + 6, g[2]);
-            storeGroup(o + 9, g[3]);
-            o += 12;
-            p += 16;
+        if (count == 0) {
+            // Fast path: vector blocks where the processor has them, then four groups, then
+            // single groups, while every character is valid.
+            const qsizetype blocks = QZ::Base64Vector::decodeBlocks(p, end - p, o);
+            p += blocks;
+            o += blocks / 4 * 3;
+            quint32 g[4];
+            while (end - p >= 16 && decodeSixteen(p, g) && !isInvalid(g[0] | g[1] | g[2] | g[3])) {
+                storeGroup(o, g[0]);
+                storeGroup(o + 3, g[1]);
+                storeGroup(o + 6, g[2]);
+                storeGroup(o + 9, g[3]);
+                o += 12;
+                p += 16;
+            }
+            while (end - p >= 4 && (sizeof(Char) == 1 || (p[0] | p[1] | p[2] | p[3]) <= 0xFF)) {
+                const quint32 group = decodeGroup(p[0], p[1], p[2], p[3]);
+                if (isInvalid(group))
+                    break;
+                storeGroup(o, group);
+                o += 3;
+                p += 4;
+            }
         }
-        while (end - p >= 4 && (sizeof(Char) == 1 || (p[0] | p[1] | p[2] | p[3]) <= 0xFF)) {
-            const quint32 group = decodeGroup(p[0], p[1], p[2], p[3]);
-            if (isInvalid(group))
-                break;
-            storeGroup(o, group);
-            o += 3;
-            p += 4;
-        }
-        // Slow path: the next four valid characters, skipping everything else.
-        quint32 bits = 0;
-        int count = 0;
+        // Slow path: the next valid characters up to a whole group, skipping everything else.
         while (p < end && count < 4) {
             const unsigned c = *p++;
             const quint8 v = c < 256 ? kDecode.value[c] : kInvalidValue;
@@ -190,24 +199,44 @@ qsizetype decode(const Char *p, qsizetype n, char *out)
             bits = bits << 6 | v;
             ++count;
         }
-        switch (count) {
-        case 4:
-            *o++ = static_cast<char>(bits >> 16);
-            *o++ = static_cast<char>(bits >> 8);
-            *o++ = static_cast<char>(bits);
-            continue;
-        case 3:   // eighteen bits: the top sixteen are two bytes
-            *o++ = static_cast<char>(bits >> 10);
-            *o++ = static_cast<char>(bits >> 2);
+        if (count < 4)
             break;
-        case 2:   // twelve bits: the top eight are one byte
-            *o++ = static_cast<char>(bits >> 4);
-            break;
-        default:  // a single character carries less than a byte
-            break;
-        }
-        return o - out;
+        *o++ = static_cast<char>(bits >> 16);
+        *o++ = static_cast<char>(bits >> 8);
+        *o++ = static_cast<char>(bits);
+        bits = 0;
+        count = 0;
     }
+    pending = { bits, count };
+    return o - out;
+}
+
+// The bytes of the characters left over at the end of the text: two give one byte (the top
+// eight of their twelve bits), three give two (the top sixteen of eighteen), a single character
+// carries less than a byte. Returns the number of bytes written.
+qsizetype finishGroup(const PendingGroup &pending, char *out)
+{
+    switch (pending.count) {
+    case 3:
+        out[0] = static_cast<char>(pending.bits >> 10);
+        out[1] = static_cast<char>(pending.bits >> 2);
+        return 2;
+    case 2:
+        out[0] = static_cast<char>(pending.bits >> 4);
+        return 1;
+    default:
+        return 0;
+    }
+}
+
+// Decodes `n` characters into `out`, which holds at least (n / 4) * 3 + kDecodeSlack bytes;
+// returns the number of bytes written.
+template<typename Char>
+qsizetype decode(const Char *p, qsizetype n, char *out)
+{
+    PendingGroup pending;
+    const qsizetype written = decodeGroups(p, n, out, pending);
+    return written + finishGroup(pending, out + written);
 }
 
 template<typename Char>
@@ -374,6 +403,23 @@ QByteArray dataWithBase64(QStringView text)
 QByteArray dataWithBase64(QByteArrayView text)
 {
     return decodeText(reinterpret_cast<const uchar *>(text.data()), text.size());
+}
+
+qsizetype Base64Decoder::decode(QByteArrayView text, char *out)
+{
+    PendingGroup pending { m_bits, m_count };
+    const qsizetype written = decodeGroups(reinterpret_cast<const uchar *>(text.data()), text.size(), out, pending);
+    m_bits = pending.bits;
+    m_count = pending.count;
+    return written;
+}
+
+qsizetype Base64Decoder::finish(char *out)
+{
+    const qsizetype written = finishGroup(PendingGroup { m_bits, m_count }, out);
+    m_bits = 0;
+    m_count = 0;
+    return written;
 }
 
 QString base64(QByteArrayView data)

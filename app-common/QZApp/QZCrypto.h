@@ -69,6 +69,26 @@ QZAPP_EXPORT QByteArray dataWithBase64(QStringView text);
 // The same for text held as bytes (ASCII or Latin-1), without a conversion to QString.
 QZAPP_EXPORT QByteArray dataWithBase64(QByteArrayView text);
 
+// Decodes Base64 text that arrives in pieces, cut anywhere: the bytes of all the pieces, then
+// finish(), equal dataWithBase64() of the whole text. For input too large to hold at once.
+class QZAPP_EXPORT Base64Decoder
+{
+public:
+    // The room decode() needs for a piece of `size` characters.
+    static constexpr qsizetype maximumDecodedSize(qsizetype size) { return (size / 4 + 1) * 3 + 16; }
+    // Decodes the next piece into `out`, which holds maximumDecodedSize(text.size()) bytes;
+    // returns the number of bytes written. The valid characters of a group that the piece does
+    // not complete wait for the next piece.
+    qsizetype decode(QByteArrayView text, char *out);
+    // Ends the text: the one or two bytes of a group left incomplete, or none, into `out` (room
+    // for two bytes); returns how many. The decoder is then ready for a new text.
+    qsizetype finish(char *out);
+
+private:
+    quint32 m_bits = 0;
+    int m_count = 0;
+};
+
 // Base64 encoding
 
 // Lines hold the largest multiple of four characters that fits the maximum width, so 72 per

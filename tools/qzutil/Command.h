@@ -1,5 +1,10 @@
 // The command table of qzutil: each command family registers its commands from its own unit,
 // with the options and operands that the shared parser (CommandLine.cpp) reads and explains.
+//
+// The program itself holds the parser and the commands that need no more than Qt Core (base64);
+// every other command lives in the command module, which the program loads only when such a
+// command is named or the whole list is shown. The module registers its commands and uses the
+// functions below from the program, which exports them (QZUTIL_HOST).
 #pragma once
 
 #include <QByteArray>
@@ -13,6 +18,8 @@
 #include <vector>
 
 namespace qzutil {
+
+#define QZUTIL_HOST __attribute__((visibility("default")))
 
 enum ExitStatus { Success = 0, Failure = 1, UsageError = 2 };
 
@@ -71,7 +78,7 @@ struct Command {
 
 // Adds a command to the table; used through QZUTIL_COMMAND with designated initialisers.
 struct Registration {
-    explicit Registration(const Command &command);
+    QZUTIL_HOST explicit Registration(const Command &command);
 };
 
 #define QZUTIL_CONCAT_(a, b) a##b
@@ -80,23 +87,27 @@ struct Registration {
     static const ::qzutil::Registration QZUTIL_CONCAT(qzutilRegistration, __LINE__)({ __VA_ARGS__ })
 
 // "usage: qzutil NAME USAGE" on standard error; returns UsageError.
-int usage(const char *name);
+QZUTIL_HOST int usage(const char *name);
 // "qzutil: REASON" on standard error; returns Failure.
-int fail(const QString &reason);
+QZUTIL_HOST int fail(const QString &reason);
 
 // Standard output, unchanged bytes.
-void writeOut(const QByteArray &bytes);
+QZUTIL_HOST void writeOut(const QByteArray &bytes);
 // Standard output, one line of text in UTF-8.
-void printLine(const QString &line);
+QZUTIL_HOST void printLine(const QString &line);
 
 // Opens a file, or standard input for "-" or an empty path, for reading.
-bool openInput(QFile &file, const QString &path, QString *error);
+QZUTIL_HOST bool openInput(QFile &file, const QString &path, QString *error);
 // The name of an input in messages: the path, or "standard input".
-QString inputName(const QString &path);
+QZUTIL_HOST QString inputName(const QString &path);
 // Reads a whole file, or standard input for "-" or an empty path.
-std::optional<QByteArray> readInput(const QString &path, QString *error);
+QZUTIL_HOST std::optional<QByteArray> readInput(const QString &path, QString *error);
+
+// The input operand of a command that takes at most one: empty for standard input; nothing when
+// there are more operands.
+QZUTIL_HOST std::optional<QString> inputPath(const Invocation &invocation);
 
 // An unsigned decimal number, or nothing when the text is not one.
-std::optional<quint64> parseUnsigned(const QString &text);
+QZUTIL_HOST std::optional<quint64> parseUnsigned(const QString &text);
 
 } // namespace qzutil

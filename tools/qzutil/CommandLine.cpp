@@ -8,12 +8,20 @@
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
+#include <QDir>
+#include <QFile>
 
 #include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
 #include <utility>
+
+#include <climits>
+
+#include <dlfcn.h>
+#include <sys/auxv.h>
+#include <unistd.h>
 
 namespace qzutil {
 namespace {
@@ -24,9 +32,52 @@ std::map<std::string, Command> &commands()
     return table;
 }
 
+// The folder of the running program: from /proc, or where /proc is missing (a chroot), from the
+// name it was started by.
+QByteArray programFolder()
+{
+    QByteArray program(PATH_MAX, '\0');
+    const ssize_t length = readlink("/proc/self/exe", program.data(), static_cast<size_t>(program.size()));
+    if (length > 0 && length < program.size()) {
+        program.truncate(length);
+    } else {
+        const auto *started = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
+        program = started ? QByteArray(started) : QByteArray();
+        if (!program.startsWith('/'))
+            program.prepend(QFile::encodeName(QDir::currentPath()) + '/');
+    }
+    return program.left(program.lastIndexOf('/'));
+}
+
+// Loads the command module, once: its commands register themselves as it loads. It lies at a
+// fixed place relative to the program. When it cannot be loaded, the program goes on with its
+// own commands after saying why.
+void loadCommandModule()
+{
+    static bool tried = false;
+    if (tried)
+        return;
+    tried = true;
+    const QByteArray path = programFolder() + "/" QZUTIL_COMMAND_MODULE;
+    if (!dlopen(path.constData(), RTLD_NOW | RTLD_LOCAL))
+        std::fprintf(stderr, "qzutil: %s\n", dlerror());
+}
+
+// The command of that name, from the program or else from the command module.
+const Command *findCommand(const std::string &name)
+{
+    auto found = commands().find(name);
+    if (found == commands().end()) {
+        loadCommandModule();
+        found = commands().find(name);
+    }
+    return found == commands().end() ? nullptr : &found->second;
+}
+
 // The usage error of the whole program: the command list on standard error.
 int listCommands()
 {
+    loadCommandModule();
     std::fputs("usage: qzutil COMMAND [ARGUMENT...]\ncommands:\n", stderr);
     for (const auto &[name, command] : commands())
         std::fprintf(stderr, "  %-10s %s\n", name.c_str(), command.summary);
@@ -115,6 +166,7 @@ void printHelp(const Command &command)
 
 void printHelp()
 {
+    loadCommandModule();
     QByteArray text = "usage: qzutil COMMAND [OPTION...] [OPERAND...]\n"
                       "       qzutil COMMAND --help\n"
                       "       qzutil --help | --version\n"
@@ -186,10 +238,10 @@ int runCommandLine(const QList<QByteArray> &words)
     }
     if (operands->isEmpty())
         return listCommands();
-    const auto found = commands().find(operands->front().toStdString());
-    if (found == commands().end())
+    const Command *command = findCommand(operands->front().toStdString());
+    if (!command)
         return listCommands();
-    return runCommand(found->second, operands->mid(1));
+    return runCommand(*command, operands->mid(1));
 }
 
 } // namespace qzutil

@@ -1,4 +1,4 @@
-// qzutil base64 | encrypt | decrypt: the data encodings and ciphers, raw bytes on standard output.
+// qzutil encrypt | decrypt: the ciphers, raw bytes on standard output.
 #include "Command.h"
 
 #include <QZApp/QZCrypto.h>
@@ -10,102 +10,6 @@
 
 namespace qzutil {
 namespace {
-
-// Fills `buffer` from `input` up to its size; the number of bytes read (fewer only at the end),
-// or -1 on a read error.
-qint64 readFull(QFile &input, QByteArray &buffer)
-{
-    qint64 filled = 0;
-    while (filled < buffer.size()) {
-        const qint64 got = input.read(buffer.data() + filled, buffer.size() - filled);
-        if (got < 0)
-            return -1;
-        if (got == 0)
-            break;
-        filled += got;
-    }
-    return filled;
-}
-
-// Writes the Base64 text of `input` and a final line break, encoding a run of whole lines at a
-// time so that input of any size streams through a buffer of about a megabyte. A width whose
-// one line would not fit reads the input whole.
-int encodeStream(QFile &input, const QString &name, QZ::Base64Alphabet alphabet, quint32 width,
-                 QZ::Base64LineBreak lineBreak)
-{
-    constexpr qsizetype kChunk = 1 << 20;
-    const QByteArray breakBytes = lineBreak == QZ::Base64LineBreak::CarriageReturnLineFeed ? "\r\n" : "\n";
-    const qsizetype lineBytes = qsizetype(width < 4 ? 1 : width / 4) * 3;
-    bool wrote = false;
-    const auto encode = [&](QByteArrayView run) {
-        // Each run ends with a whole line; a width below 4 starts every group with its break.
-        if (wrote && width >= 4)
-            writeOut(breakBytes);
-        const QByteArray text = QZ::base64Encoded(run, alphabet, width, lineBreak);
-        writeOut(text);
-        wrote = true;
-        return !text.isNull();
-    };
-
-    if (lineBytes > kChunk) {
-        const QByteArray whole = input.readAll();
-        if (input.error() != QFileDevice::NoError)
-            return fail(QStringLiteral("%1: %2").arg(name, input.errorString()));
-        if (!whole.isEmpty() && !encode(whole))
-            return fail(QStringLiteral("%1: too large to encode").arg(name));
-    } else {
-        QByteArray buffer(kChunk / lineBytes * lineBytes, Qt::Uninitialized);
-        for (qint64 length = buffer.size(); length == buffer.size();) {
-            length = readFull(input, buffer);
-            if (length < 0)
-                return fail(QStringLiteral("%1: %2").arg(name, input.errorString()));
-            if (length > 0)
-                encode(QByteArrayView(buffer.constData(), length));
-        }
-    }
-    if (wrote)
-        writeOut(breakBytes);
-    return Success;
-}
-
-// The input operand: at most one, standard input when there is none.
-std::optional<QString> inputPath(const Invocation &invocation)
-{
-    const QStringList &operands = invocation.operands();
-    return operands.size() <= 1 ? std::optional<QString>(operands.value(0)) : std::nullopt;
-}
-
-int base64(const Invocation &invocation)
-{
-    const bool decode = invocation.isSet("decode");
-    const bool url = invocation.isSet("url");
-    const bool mime = invocation.isSet("mime");
-    std::optional<quint64> width;
-    if (invocation.isSet("width") && (!(width = parseUnsigned(invocation.value("width"))) || *width > 0xFFFFFFFFu))
-        return usage("base64");
-    const std::optional<QString> operand = inputPath(invocation);
-    if (!operand)
-        return usage("base64");
-    const QString &path = *operand;
-    // The decoder takes both alphabets and any line breaks: the layout options are for encoding.
-    if (decode && (url || mime || width))
-        return usage("base64");
-
-    QString error;
-    if (decode) {
-        const std::optional<QByteArray> input = readInput(path, &error);
-        if (!input)
-            return fail(error);
-        writeOut(QZ::dataWithBase64(QByteArrayView(*input)));
-        return Success;
-    }
-    QFile input;
-    if (!openInput(input, path, &error))
-        return fail(error);
-    return encodeStream(input, inputName(path), url ? QZ::Base64Alphabet::UrlSafe : QZ::Base64Alphabet::Standard,
-                        static_cast<quint32>(width.value_or(mime ? 70 : 72)),
-                        mime ? QZ::Base64LineBreak::CarriageReturnLineFeed : QZ::Base64LineBreak::LineFeed);
-}
 
 // A name from the table, or a decimal number (a signed 32-bit value).
 template<size_t N>
@@ -232,15 +136,6 @@ const std::vector<Option> kCipherOptions = {
 };
 const std::vector<Operand> kCipherOperands = { { "FILE", "the input; standard input when absent or \"-\"" } };
 
-QZUTIL_COMMAND(.name = "base64", .usage = "[--decode] [--url] [--mime] [--width N] [FILE]",
-               .summary = "encode standard input or FILE as Base64, or decode it", .run = base64,
-               .options = { { "decode", nullptr, "print the bytes of Base64 text in either alphabet, with any\n"
-                                                 "line breaks (takes none of the other options)" },
-                            { "url", nullptr, "encode with the URL-safe alphabet ('-' and '_')" },
-                            { "mime", nullptr, "lines of at most 70 characters ended by CR LF" },
-                            { "width", "N", "lines of at most N characters (whole groups of four; default 72;\n"
-                                            "below 4, a break before every group)" } },
-               .operands = { { "FILE", "the input; standard input when absent or \"-\"" } });
 QZUTIL_COMMAND(.name = "encrypt", .usage = QZUTIL_CIPHER_USAGE, .summary = "encrypt standard input or FILE",
                .run = encrypt, .options = kCipherOptions, .operands = kCipherOperands);
 QZUTIL_COMMAND(.name = "decrypt", .usage = QZUTIL_CIPHER_USAGE, .summary = "decrypt standard input or FILE",

@@ -55,6 +55,12 @@ std::optional<QByteArray> readInput(const QString &path, QString *error)
     return bytes;
 }
 
+std::optional<QString> inputPath(const Invocation &invocation)
+{
+    const QStringList &operands = invocation.operands();
+    return operands.size() <= 1 ? std::optional<QString>(operands.value(0)) : std::nullopt;
+}
+
 std::optional<quint64> parseUnsigned(const QString &text)
 {
     if (text.isEmpty() || !text.front().isDigit())
