@@ -12,6 +12,7 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPointer>
+#include <QProcess>
 #include <QStyle>
 
 #include <cmath>
@@ -139,8 +140,10 @@ void QZLinkField::mousePressEvent(QMouseEvent *event)
         window()->activateWindow();
         return;
     }
-    if (const QUrl link = url(); link.isValid())
-        QDesktopServices::openUrl(link);
+    // A platform plugin without a URL handler (offscreen, minimal) leaves it to the desktop's
+    // own opener, as the usual Linux platforms do themselves.
+    if (const QUrl link = url(); link.isValid() && !QDesktopServices::openUrl(link))
+        QProcess::startDetached(QStringLiteral("xdg-open"), { link.toString(QUrl::FullyEncoded) });
 }
 
 void QZLinkField::mouseMoveEvent(QMouseEvent *event)

@@ -1,0 +1,238 @@
+// QZLinkField with real input on the offscreen platform, where window activation is deterministic.
+#include <QZApp/QZLinkField.h>
+
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QClipboard>
+#include <QFile>
+#include <QFontDatabase>
+#include <QMenu>
+#include <QMimeData>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QVBoxLayout>
+
+#include <cmath>
+#include <memory>
+
+namespace {
+
+struct LinkCase {
+    const char *text;
+    const char *link;   // empty: no link
+};
+
+TEST(LinkFieldTest, MakesTheLinkFromTheText)
+{
+    const LinkCase cases[] = {
+        { "www.example.org", "http://www.example.org" },                 // a bare host name
+        { "example.org/disktool/help", "http://example.org/disktool/help" },   // a host and a path
+        { "support@example.org", "mailto:support@example.org" },         // "@" without ":"
+        { "https://example.org/a", "https://example.org/a" },            // a scheme: as it stands
+        { "mailto:me@example.org", "mailto:me@example.org" },            // ":" wins over "@"
+        { "secure.example.org", "http://secure.example.org" },           // no secure scheme
+        { "two words", "" },                                             // not a valid URL
+        { "a@b c", "" },
+    };
+    for (const LinkCase &c : cases) {
+        QZLinkField field(QString::fromUtf8(c.text));
+        EXPECT_EQ(field.url().toString(QUrl::FullyEncoded), QString::fromUtf8(c.link)) << c.text;
+        EXPECT_EQ(field.url().isValid(), *c.link != '\0') << c.text;
+    }
+}
+
+TEST(LinkFieldTest, LooksLikeALinkAndCannotBeSelected)
+{
+    QZLinkField field(QStringLiteral("www.example.org"));
+    field.setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    const QFont system = QFontDatabase::systemFont(QFontDatabase::GeneralFont);
+    EXPECT_EQ(field.font().pointSize(), int(std::floor(system.pointSizeF())));
+    EXPECT_EQ(field.font().family(), system.family());
+    EXPECT_TRUE(field.font().underline());
+    EXPECT_EQ(field.palette().color(QPalette::Active, QPalette::WindowText), QColor(Qt::blue));
+    EXPECT_EQ(field.palette().color(QPalette::Inactive, QPalette::WindowText), QColor(Qt::blue));
+    EXPECT_EQ(field.textInteractionFlags(), Qt::NoTextInteraction);
+    EXPECT_EQ(field.alignment(), Qt::AlignRight | Qt::AlignVCenter);
+
+    // Drawn in blue, one pixel above where a plain label puts the same text.
+    field.resize(200, 30);
+    QLabel plain(field.text());
+    plain.setFont(field.font());
+    plain.setAlignment(field.alignment());
+    plain.resize(field.size());
+    const QImage link = field.grab().toImage(), reference = plain.grab().toImage();
+    auto firstInkRow = [](const QImage &image, auto isInk) {
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x)
+                if (isInk(image.pixelColor(x, y)))
+                    return y;
+        return -1;
+    };
+    const int linkTop = firstInkRow(link, [](QColor c) { return c.blue() > 200 && c.red() < 60 && c.green() < 60; });
+    const int plainTop = firstInkRow(reference, [](QColor c) { return c.lightness() < 60; });
+    ASSERT_GE(linkTop, 0);
+    EXPECT_EQ(linkTop, plainTop - 1);
+}
+
+TEST(LinkFieldTest, ChangingTheTextKeepsTheAppearanceUntilTheHostRestyles)
+{
+    QZLinkField field(QStringLiteral("www.example.org"));
+    field.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&field));
+    field.setTextFormat(Qt::RichText);   // as a host might do after the fact
+    field.setText(QStringLiteral("<b>x</b>@example.org"));
+    EXPECT_EQ(field.textFormat(), Qt::RichText);
+    field.configureLink();
+    EXPECT_EQ(field.textFormat(), Qt::PlainText);
+}
+
+// The pointing hand covers the text's width centred in the field, whatever the alignment: for
+// left-aligned narrow text, the middle of the field and not the text itself.
+TEST(LinkFieldTest, TheHandCoversTheCentreOfTheField)
+{
+    QWidget window;
+    auto *field = new QZLinkField(QStringLiteral("a.org"), &window);
+    field->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
+    field->setGeometry(0, 0, 400, 30);
+    window.resize(400, 30);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    const int textWidth = field->fontMetrics().horizontalAdvance(field->text());
+    ASSERT_LT(textWidth, 100);
+
+    EXPECT_EQ(field->cursorArea(), QRect((400 - textWidth) / 2, 0, textWidth, 30));
+    QTest::mouseMove(field, QPoint(200, 15));
+    EXPECT_EQ(field->cursor().shape(), Qt::PointingHandCursor);
+    QTest::mouseMove(field, QPoint(2, 15));   // over the drawn text, outside the area
+    EXPECT_NE(field->cursor().shape(), Qt::PointingHandCursor);
+    QTest::mouseMove(field, QPoint(200 + textWidth, 15));
+    EXPECT_NE(field->cursor().shape(), Qt::PointingHandCursor);
+}
+
+// A recording xdg-open first on PATH: every call appends its arguments to a file.
+class OpenRecorder
+{
+public:
+    OpenRecorder()
+    {
+        static QTemporaryDir folder;   // the platform looks the opener up once per process
+        m_log = folder.path() + QStringLiteral("/opened");
+        static bool installed = false;
+        if (!installed) {
+            QFile script(folder.path() + QStringLiteral("/xdg-open"));
+            script.open(QIODevice::WriteOnly);
+            script.write("#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"" + QFile::encodeName(m_log) + "\"\n");
+            script.close();
+            script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+            qputenv("PATH", QFile::encodeName(folder.path()) + ':' + qgetenv("PATH"));
+            for (const char *name : { "BROWSER", "DEFAULT_BROWSER", "XDG_CURRENT_DESKTOP", "DESKTOP_SESSION",
+                                      "KDE_FULL_SESSION", "GNOME_DESKTOP_SESSION_ID" })
+                qunsetenv(name);
+            installed = true;
+        }
+        QFile::remove(m_log);
+    }
+    QString opened() const
+    {
+        QFile file(m_log);
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
+    }
+
+private:
+    QString m_log;
+};
+
+// Two windows: the field's, and another to take activation away from it.
+struct TwoWindows {
+    QWidget fieldWindow, other;
+    QZLinkField *field;
+    explicit TwoWindows(const QString &text)
+    {
+        fieldWindow.setWindowTitle(QStringLiteral("field"));
+        field = new QZLinkField(text, &fieldWindow);
+        auto *layout = new QVBoxLayout(&fieldWindow);
+        layout->addWidget(field);
+        fieldWindow.setGeometry(50, 50, 300, 80);
+        other.setGeometry(400, 50, 200, 80);
+        fieldWindow.show();
+        other.show();
+    }
+    bool activate(QWidget *window)
+    {
+        window->activateWindow();
+        return QTest::qWaitForWindowActive(window);
+    }
+    QPoint centre() const { return field->cursorArea().center(); }
+};
+
+TEST(LinkFieldTest, ALeftClickOpensTheLink)
+{
+    OpenRecorder recorder;
+    TwoWindows windows(QStringLiteral("support@example.org"));
+    ASSERT_TRUE(windows.activate(&windows.fieldWindow));
+    QTest::mouseClick(windows.field, Qt::LeftButton, {}, windows.centre());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !recorder.opened().isEmpty(); }, 5000));
+    EXPECT_EQ(recorder.opened(), QStringLiteral("mailto:support@example.org"));
+}
+
+TEST(LinkFieldTest, ALeftPressOnAnInactiveWindowOnlyActivatesIt)
+{
+    OpenRecorder recorder;
+    TwoWindows windows(QStringLiteral("www.example.org"));
+    ASSERT_TRUE(windows.activate(&windows.other));
+    QTest::mouseClick(windows.field, Qt::LeftButton, {}, windows.centre());
+    EXPECT_TRUE(QTest::qWaitForWindowActive(&windows.fieldWindow));
+    QTest::qWait(300);
+    EXPECT_EQ(recorder.opened(), QString());
+    // Now that the window is active, the next click opens the link.
+    QTest::mouseClick(windows.field, Qt::LeftButton, {}, windows.centre());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return recorder.opened() == QStringLiteral("http://www.example.org"); }, 5000));
+}
+
+// Right-clicks the field (its window inactive), then clicks "Copy" in the menu that shows.
+void copyThroughTheMenu(TwoWindows &windows)
+{
+    ASSERT_TRUE(windows.activate(&windows.other));
+    QGuiApplication::clipboard()->clear();
+    QTest::mousePress(windows.field, Qt::RightButton, {}, windows.centre());
+    QMenu *menu = QZLinkField::menu();
+    ASSERT_TRUE(menu->isVisible());   // at once, without activating the field's window first
+    ASSERT_EQ(menu->actions().size(), 1);
+    QAction *copy = menu->actions().first();
+    EXPECT_EQ(copy->text(), QStringLiteral("Copy"));
+    EXPECT_TRUE(copy->shortcut().isEmpty());
+    QTest::mouseRelease(windows.field, Qt::RightButton, {}, windows.centre());
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(menu));
+    QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(copy).center());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !menu->isVisible(); }, 2000));
+}
+
+TEST(LinkFieldTest, CopyPutsTheTextAndTheLinkOnTheClipboard)
+{
+    TwoWindows windows(QStringLiteral("www.example.org"));
+    copyThroughTheMenu(windows);
+    const QMimeData *data = QGuiApplication::clipboard()->mimeData();
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(data->text(), QStringLiteral("www.example.org"));
+    EXPECT_EQ(data->urls(), QList<QUrl> { QUrl(QStringLiteral("http://www.example.org")) });
+}
+
+TEST(LinkFieldTest, CopyWithoutALinkPutsOnlyTheText)
+{
+    TwoWindows windows(QStringLiteral("two words"));
+    copyThroughTheMenu(windows);
+    const QMimeData *data = QGuiApplication::clipboard()->mimeData();
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(data->text(), QStringLiteral("two words"));
+    EXPECT_FALSE(data->hasUrls());
+}
+
+TEST(LinkFieldTest, EveryFieldSharesOneMenu)
+{
+    QZLinkField a(QStringLiteral("a.example.org")), b(QStringLiteral("b.example.org"));
+    EXPECT_EQ(QZLinkField::menu(), QZLinkField::menu());
+    EXPECT_EQ(a.contextMenuPolicy(), Qt::PreventContextMenu);
+}
+
+} // namespace
