@@ -2,12 +2,17 @@
 # Sets up, builds and runs QZApp on Debian 12. Installs missing Debian packages first (as root,
 # or through sudo).
 #
-#   ./dev.sh run          install, build, and run the main program
+#   ./dev.sh run          install, build, and run Disk Tool: its window with a display, its
+#                         tour (every subsystem once, with screenshots) without one
 #   ./dev.sh test         install, build, and run the whole test suite: the default build, the
 #                         address/undefined and thread sanitizer builds, and a short run of
 #                         every fuzz target
+#   ./dev.sh demo         install, build, and show qzutil's commands at work
 #   ./dev.sh bench        install, build, and run the benchmarks under bench/
 #   ./dev.sh fuzz [SECS]  build the fuzz targets and run each for SECS seconds (default 60)
+#   ./dev.sh package      build the Debian packages into build/packages and check them with
+#                         lintian, desktop-file-validate and appstreamcli
+#   ./dev.sh screenshots  retake docs/screenshots/ through the tour under Xvfb
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -96,11 +101,50 @@ demo() {
     { set +x; } 2>/dev/null
 }
 
+# Disk Tool's window when there is a display; its tour otherwise.
+run_disktool() {
+    local disktool=build/default/bin/disktool
+    if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
+        log "Disk Tool"
+        "$disktool"
+    else
+        local screenshots=build/default/tour-screenshots
+        log "no display: Disk Tool's tour"
+        "$disktool" --tour --screenshots "$screenshots"
+        log "the screenshots are in $(cd "$screenshots" && pwd)"
+    fi
+}
+
+# The packages are built from a tree configured for /usr without run paths (the libraries lie
+# in the system's folder), and must pass the checks a Debian user would run.
+package() {
+    local dir=build/package out=build/packages
+    log "building the packages"
+    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+        -DCMAKE_SKIP_INSTALL_RPATH=ON -DQZ_BUILD_TESTS=OFF -DQZ_BUILD_BENCHMARKS=OFF -DQZ_WARNINGS_AS_ERRORS=ON >/dev/null
+    cmake --build "$dir" -j2
+    rm -rf "$out" && mkdir -p "$out"
+    (cd "$dir" && cpack -G DEB -B "$PWD/../packages" >/dev/null)
+    rm -rf "$out/_CPack_Packages"
+    log "lintian"
+    lintian --fail-on error "$out"/*.deb
+    log "desktop-file-validate and appstreamcli validate"
+    desktop-file-validate examples/disk-tool/data/org.example.disktool.desktop
+    appstreamcli validate --no-net "$dir/examples/disk-tool/org.example.disktool.metainfo.xml"
+    log "packages in $out:"
+    ls -1 "$out"
+}
+
 command=${1:-}
 case "$command" in
-    run)   install_packages; build default; demo ;;
+    run)   install_packages; build default; run_disktool ;;
+    demo)  install_packages; build default; demo ;;
+    package) install_packages; package ;;
+    screenshots) install_packages; build default
+           xvfb-run -a -s '-screen 0 1280x1024x24' env QT_QPA_PLATFORM=xcb \
+               build/default/bin/disktool --tour --screenshots docs/screenshots ;;
     test)  install_packages; run_tests default; run_tests asan; run_tests tsan; run_fuzzers "${QZ_FUZZ_SECONDS:-10}" ;;
     bench) install_packages; build default; log "benchmarks"; cmake --build build/default --target bench ;;
     fuzz)  install_packages; run_fuzzers "${2:-60}" ;;
-    *)     sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
+    *)     sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
 esac
