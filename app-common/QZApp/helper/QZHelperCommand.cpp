@@ -73,18 +73,17 @@ void QZHelperCommand::publishStatus(qint32 status)
 void QZHelperCommand::wakeStatusWaiters()
 {
     m_status.notify_all();
-    // Pairs with the increment in sleepUntilReplied(): either the sleeper sees the new status
-    // before it sleeps, or this sees the sleeper.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (m_sleepers.load(std::memory_order_relaxed) > 0)
+    // A read-modify-write, ordered with the sleeper's increment in sleepUntilReplied(): either
+    // this sees the sleeper, or the sleeper's increment comes after it and so sees the status.
+    if (m_sleepers.fetch_add(0, std::memory_order_acq_rel) > 0)
         syscall(SYS_futex, &m_status, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
 void QZHelperCommand::sleepUntilReplied()
 {
     static_assert(sizeof(m_status) == sizeof(int) && std::atomic<qint32>::is_always_lock_free);
-    m_sleepers.fetch_add(1, std::memory_order_seq_cst);
-    while (m_status.load(std::memory_order_seq_cst) == NoReply) {
+    m_sleepers.fetch_add(1, std::memory_order_acq_rel);
+    while (m_status.load(std::memory_order_acquire) == NoReply) {
         // The kernel sleeps only while the word still holds NoReply.
         syscall(SYS_futex, &m_status, FUTEX_WAIT_PRIVATE, NoReply, nullptr, nullptr, 0);
     }
