@@ -2,6 +2,8 @@
 // and folders mounted over the system's, a recording mail client and a recording delegate.
 #pragma once
 
+#include "mail/MailTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <QZApp/QZBugReporter.h>
@@ -24,19 +26,7 @@ namespace qztest {
 
 using namespace Qt::StringLiterals;
 
-inline void writeFile(const QString &path, const QByteArray &bytes)
-{
-    QDir().mkpath(path.section(u'/', 0, -2));
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
-    file.write(bytes);
-}
-
-inline QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
+// writeFile() and readFile() come from the mail tests' support.
 
 inline QByteArray gunzip(const QString &path)
 {
