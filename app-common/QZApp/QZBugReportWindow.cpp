@@ -269,9 +269,15 @@ void QZBugReportWindow::setBusy(bool busy)
         m_progressIndicator->setVisible(busy);
     }
     // The report cannot change while it is gathered and sent; only Abort stays.
+    // Text fields turn read-only, so the report stays legible.
     for (const char *name : { "reportType", "shortDescription", "fullDescription", "additionalInfo", "emailAddress",
                               "omitSystemProfile", "send", "save" }) {
-        if (QWidget *control = m_window->findChild<QWidget *>(QLatin1String(name)))
+        QWidget *control = m_window->findChild<QWidget *>(QLatin1String(name));
+        if (auto *line = qobject_cast<QLineEdit *>(control))
+            line->setReadOnly(busy);
+        else if (auto *plain = qobject_cast<QPlainTextEdit *>(control))
+            plain->setReadOnly(busy);
+        else if (control)
             control->setEnabled(!busy);
     }
 }

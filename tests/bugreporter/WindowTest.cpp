@@ -142,7 +142,7 @@ TEST_F(WindowTest, WindowRefusesToCloseWhileBusyAndKeepsItsFrame)
     r->setBusy(true);
     EXPECT_TRUE(control("progressIndicator")->isVisible());
     EXPECT_FALSE(control("send")->isEnabled());
-    EXPECT_FALSE(control("fullDescription")->isEnabled());
+    EXPECT_TRUE(control<QPlainTextEdit>("fullDescription")->isReadOnly());
     EXPECT_TRUE(control("abort")->isEnabled());
     EXPECT_FALSE(panel->close());
     QTest::keyClick(panel, Qt::Key_Escape);   // Abort, which cannot abort: no job can be aborted
@@ -326,6 +326,44 @@ TEST_F(WindowTest, WindowTextsAreLocalizedAndTheControlsReachableByKeyboard)
     // A mnemonic reaches its field.
     QTest::keyClick(panel, Qt::Key_U, Qt::AltModifier);
     EXPECT_EQ(QApplication::focusWidget(), control("shortDescription"));
+}
+
+} // namespace
+
+namespace {
+
+// The window as a person sees it, empty and busy. With QZ_SCREENSHOT_DIR set (docs/screenshots
+// is made this way under Xvfb, see its README) the pictures are written there.
+TEST_F(WindowTest, WindowLooksTheSameEmptyAndBusy)
+{
+    r->setMailClient(std::make_shared<RecordingClient>(QZMailClient::SenderAddress));
+    r->setEmailAddress(u"user@example.net"_s);
+    r->setOmitSystemProfile(false);
+    r->showWindow();
+    QWidget *panel = r->bugReportPanel();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(panel));
+    const QString folder = qEnvironmentVariable("QZ_SCREENSHOT_DIR");
+    const auto shoot = [&](const QString &name) {
+        QTest::qWait(300);
+        const QPixmap picture = panel->grab();
+        EXPECT_FALSE(picture.isNull());
+        EXPECT_GE(picture.width(), panel->minimumWidth());
+        if (!folder.isEmpty()) {
+            EXPECT_TRUE(picture.save(folder + u'/' + name)) << name.toStdString();
+        }
+    };
+    shoot(u"bug-report-empty.png"_s);
+
+    r->setReportType(QZBugReporter::MinorBug);
+    r->setShortDescription(u"Copying a folder to a FAT disk stops at 99 %"_s);
+    r->setFullDescription(u"* 1. What you did\n\nCopied ~/Photos to the USB disk \"BACKUP\".\n\n* 2. What happened?\n\n"
+                          "The copy stopped at 99 % and the disk could not be ejected.\n"_s);
+    r->setAdditionalInfo(u"The disk is formatted FAT32."_s);
+    r->setBusy(true);
+    r->setCurrentStatus(u"Generating system profile\u2026"_s);
+    shoot(u"bug-report-busy.png"_s);
+    EXPECT_FALSE(panel->findChild<QWidget *>(u"send"_s)->isEnabled());
+    r->setBusy(false);
 }
 
 } // namespace
