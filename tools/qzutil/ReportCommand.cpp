@@ -5,9 +5,15 @@
 #include <QZApp/QZApplication.h>
 #include <QZApp/QZBugReporter.h>
 
+#include <QDir>
 #include <QEventLoop>
+#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace qzutil {
 namespace {
@@ -44,6 +50,15 @@ private:
 QCoreApplication *makeApplication(int &argc, char **argv)
 {
     qputenv("QT_QPA_PLATFORM", "offscreen");   // no window is shown, and no display is needed
+    // The platform wants a runtime folder; without a session's, a private one in the temporary
+    // folder, as Qt would make with a warning on standard error.
+    if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
+        const QByteArray folder = QFile::encodeName(QDir::tempPath()) + "/runtime-" + QByteArray::number(getuid());
+        struct stat status {};
+        if ((mkdir(folder.constData(), 0700) == 0 || errno == EEXIST) && lstat(folder.constData(), &status) == 0
+            && S_ISDIR(status.st_mode) && status.st_uid == getuid() && (status.st_mode & 0077) == 0)
+            qputenv("XDG_RUNTIME_DIR", folder);
+    }
     return new QZApplication(argc, argv);
 }
 
@@ -92,8 +107,8 @@ int report(const Invocation &invocation)
 }
 
 QZUTIL_COMMAND(.name = "report",
-               .usage = "--type N --short TEXT [--full TEXT] [--info TEXT] [--log FILE]... [--omit-system-profile]\n"
-                        "                     (--save PATH.rtfd | --send --to ADDRESS)",
+               .usage = "--type N --short TEXT [--full TEXT] [--info TEXT] [--log FILE]... [--omit-system-profile] "
+                        "(--save PATH.rtfd | --send --to ADDRESS)",
                .summary = "make a bug report and save it as RTFD or send it through the default mail client",
                .run = report,
                .options = { { "type", "N", "0 Feature Request, 1 Minor Bug, 2 Major Bug, 3 Crasher Bug" },
