@@ -14,7 +14,7 @@ extern "C" __attribute__((visibility("default"), used)) const char *__asan_defau
 }
 
 namespace {
-__attribute__((noinline)) void crashNow(const char *how)
+__attribute__((noinline, no_sanitize("undefined"))) void crashNow(const char *how)
 {
     if (std::strcmp(how, "abort") == 0)
         std::abort();
