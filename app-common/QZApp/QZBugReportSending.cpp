@@ -153,7 +153,15 @@ void QZBugReporter::doSend(const QTextDocument &message, quint32 job)
         if (!done)
             error = failure;
     }
-    QZ::performOnMainThread([this, error] { sendFinishedWithError(error); });
+    // The error crosses as plain characters, so no reference count is shared between threads.
+    const bool failed = error.has_value();
+    const qint64 code = failed ? error->code() : 0;
+    QZ::performOnMainThread([this, failed, code, domain = failed ? error->domain().toStdU16String() : std::u16string(),
+                             text = failed ? error->message().toStdU16String() : std::u16string()] {
+        sendFinishedWithError(failed ? std::optional<QZError>(QZError(QString::fromStdU16String(domain), code,
+                                                                      QString::fromStdU16String(text)))
+                                     : std::nullopt);
+    });
 }
 
 void QZBugReporter::sendFinishedWithError(const std::optional<QZError> &error)

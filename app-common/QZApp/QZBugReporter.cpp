@@ -166,7 +166,8 @@ void QZBugReporter::setCurrentStatus(const QString &status)
 
 void QZBugReporter::setCurrentStatusFromThread(const QString &status)
 {
-    QZ::performOnMainThread([this, status] { setCurrentStatus(status); });
+    // The text crosses as plain characters, so no reference count is shared between threads.
+    QZ::performOnMainThread([this, text = status.toStdU16String()] { setCurrentStatus(QString::fromStdU16String(text)); });
 }
 
 void QZBugReporter::setBusy(bool busy)

@@ -6,9 +6,10 @@
 namespace {
 
 // The English texts that differ from their keys on this platform.
+// Never destroyed: a detached thread may still look a text up while the process exits.
 const QHash<QString, QString> &englishTable()
 {
-    static const QHash<QString, QString> table{
+    static const auto *table = new QHash<QString, QString>{
         { QStringLiteral("The files attached to this bug report are compressed to minimize storage requirements and "
                          "for the convenience of users with low-bandwidth Internet connections. If you wish to view "
                          "them they can be easily expanded using functionality built in to Mac OS X."),
@@ -17,7 +18,7 @@ const QHash<QString, QString> &englishTable()
                          "you wish to view them, open them with your desktop's archive manager, or expand them in a "
                          "terminal with \u201cgunzip FILE.gz\u201d.") },
     };
-    return table;
+    return *table;
 }
 
 // The English table: the entries above, and as a rule a key whose last six characters are the
