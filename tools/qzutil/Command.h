@@ -17,6 +17,10 @@
 #include <optional>
 #include <vector>
 
+QT_BEGIN_NAMESPACE
+class QCoreApplication;
+QT_END_NAMESPACE
+
 namespace qzutil {
 
 #define QZUTIL_HOST __attribute__((visibility("default")))
@@ -74,6 +78,9 @@ struct Command {
     // Every word is an operand, whatever it starts with; only a first word "-h" or "--help"
     // asks for the help text. For commands whose operands are arbitrary text.
     bool textOperands = false;
+    // The application object the command runs in, when a plain QCoreApplication is not enough
+    // (a command that uses widgets makes a QApplication). Called before anything else.
+    QCoreApplication *(*makeApplication)(int &argc, char **argv) = nullptr;
 };
 
 // Adds a command to the table; used through QZUTIL_COMMAND with designated initialisers.

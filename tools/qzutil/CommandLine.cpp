@@ -206,6 +206,13 @@ int runCommand(const Command &command, const QList<QByteArray> &words)
 
 } // namespace
 
+const Command *commandNamed(const QByteArray &word)
+{
+    if (word.isEmpty() || word.startsWith('-'))
+        return nullptr;
+    return findCommand(word.toStdString());
+}
+
 Registration::Registration(const Command &command)
 {
     commands().emplace(command.name, command);

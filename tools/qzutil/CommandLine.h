@@ -12,4 +12,9 @@ namespace qzutil {
 // text (the system's encoding) and, where they ask, as the bytes themselves.
 int runCommandLine(const QList<QByteArray> &words);
 
+struct Command;
+// The command that a first word names, looking in the command module too; null for an option
+// or an unknown name.
+const Command *commandNamed(const QByteArray &word);
+
 } // namespace qzutil

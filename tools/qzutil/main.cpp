@@ -8,6 +8,7 @@
 #include <QFile>
 
 #include <cstdio>
+#include <memory>
 
 namespace qzutil {
 
@@ -74,8 +75,13 @@ std::optional<quint64> parseUnsigned(const QString &text)
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    // A command that needs more than Qt Core makes its own application object.
+    const qzutil::Command *command = argc > 1 ? qzutil::commandNamed(QByteArray(argv[1])) : nullptr;
+    const std::unique_ptr<QCoreApplication> app(command && command->makeApplication
+                                                        ? command->makeApplication(argc, argv)
+                                                        : new QCoreApplication(argc, argv));
     QCoreApplication::setApplicationName(QStringLiteral("qzutil"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(QZUTIL_VERSION));
     // The bytes of the argument vector as the application left it, one for one.
     QList<QByteArray> words;
     for (int i = 1; i < argc; i++)
