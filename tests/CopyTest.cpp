@@ -219,6 +219,9 @@ TEST_F(CopyVolumes, LargeAndSparseFilesArriveIntactAndAFullVolumeKeepsNoPartialC
     EXPECT_EQ(runCopy(big, small / "big"),
               (Outcome { ENOSPC, small / "big: No space left on device (at utils:703)\nutils:453: error (28)\n" }));
     EXPECT_FALSE(exists(small / "big"));
+    EXPECT_EQ(runCopy(sparse, small / "sparse"),   // extent by extent, the same lines
+              (Outcome { ENOSPC, small / "sparse: No space left on device (at utils:703)\nutils:453: error (28)\n" }));
+    EXPECT_FALSE(exists(small / "sparse"));
     EXPECT_EQ(runCopy(folder, small / "folder", COPY_FILE_RECURSIVE),
               (Outcome { ENOSPC, small / "folder/big: No space left on device (at utils:703)\nutils:453: error (28)\nutils:410: error (28)\n" }));
     EXPECT_FALSE(exists(small / "folder"));
