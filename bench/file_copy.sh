@@ -15,7 +15,8 @@
 # that the figures measure the tools and the file system rather than the disk underneath, unless
 # QZ_BENCH_VOLUME=disk; otherwise, and then, they live in WORK_DIR itself. As root, a 512 MiB
 # file is also copied within a btrfs and an XFS volume (images in /dev/shm on loop devices),
-# where both tools share extents instead of copying.
+# where both tools share extents instead of copying. With QZ_BENCH_SUMMARY set to a file, each
+# ratio is appended to it as a row "| CASE (VOLUME) | RATIO |", for a summary of all benchmarks.
 set -euo pipefail
 
 qzutil=$(realpath "$1")
@@ -152,8 +153,12 @@ rm -f "$dest"
 m() { tr ' ' '\n' <<<"${samples[$1]}" | grep . | median; }
 s() { tr ' ' '\n' <<<"${samples[$1]}" | grep . | spread; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0) ? a / b : 0 }'; }
-row() {   # row CASE OURS THEIRS
+volume_name=$([ "$work" = "${volume:-}" ] && echo "ext4 in memory" || echo "$(df -T "$work" | awk 'NR == 2 { print $2 }') on disk")
+row() {   # row CASE OURS THEIRS; with QZ_BENCH_SUMMARY, the ratio also goes to that file
     echo "| $1 | $(m "$2") ($(s "$2")) | $(m "$3") ($(s "$3")) | $(ratio "$(m "$2")" "$(m "$3")") |"
+    if [ -n "${QZ_BENCH_SUMMARY:-}" ]; then
+        echo "| $1 ($volume_name) | $(ratio "$(m "$2")" "$(m "$3")") |" >>"$QZ_BENCH_SUMMARY"
+    fi
 }
 
 echo "| Case | qzutil, ms: median (spread) | reference, ms: median (spread) | ratio |"
