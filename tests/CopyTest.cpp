@@ -177,7 +177,7 @@ TEST_F(Copy, FilterSkipsASubtreeAndSeesDestinationDevices)
         std::set<std::string> paths;
         std::set<int32_t> devices;
     } seen;
-    copy_file_options options { COPY_FILE_RECURSIVE, 0, 0, &seen, nullptr };
+    copy_file_options options { COPY_FILE_RECURSIVE, 0, 0, &seen, nullptr, 0 };
     options.filter = [](void *context, const char *path, const copy_file_options *, int32_t device) {
         static_cast<Seen *>(context)->paths.insert(path);
         static_cast<Seen *>(context)->devices.insert(device);
@@ -200,20 +200,28 @@ TEST_F(CopyVolumes, LargeAndSparseFilesArriveIntactAndAFullVolumeKeepsNoPartialC
     const std::string folder = volume / "folder", big = folder + "/big", sparse = volume / "sparse";
     makeFolder(folder);
     writeFile(big, large);
+    // Data at the start, in the middle (across two of the copy's transfers) and a hole at the end.
     const int fd = open(sparse.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    ASSERT_TRUE(pwrite(fd, "head", 4, 0) == 4 && pwrite(fd, "tail", 4, 30 << 20) == 4);
+    ASSERT_TRUE(pwrite(fd, "head", 4, 0) == 4 && pwrite(fd, large.data(), 9u << 20, 20 << 20) == 9 << 20
+                && ftruncate(fd, 40 << 20) == 0);
     close(fd);
     for (const std::string &target : { volume / "copies", other / "copies" }) {
         makeFolder(target);
         ASSERT_EQ(runCopy(big, target + "/big").status | runCopy(sparse, target + "/sparse").status, 0);
         EXPECT_TRUE(readFile(target + "/big") == large) << target;
         EXPECT_TRUE(readFile(target + "/sparse") == readFile(sparse)) << target;
+        // The holes stay holes; a file without holes is laid out whole.
+        EXPECT_LE(statusOf(target + "/sparse").st_blocks, statusOf(sparse).st_blocks + 64) << target;
+        EXPECT_GE(statusOf(target + "/big").st_blocks * 512, static_cast<blkcnt_t>(large.size())) << target;
     }
 
     // A volume that fills up keeps nothing; inside a tree each folder adds its line and goes too.
     EXPECT_EQ(runCopy(big, small / "big"),
               (Outcome { ENOSPC, small / "big: No space left on device (at utils:703)\nutils:453: error (28)\n" }));
     EXPECT_FALSE(exists(small / "big"));
+    EXPECT_EQ(runCopy(sparse, small / "sparse"),   // extent by extent, the same lines
+              (Outcome { ENOSPC, small / "sparse: No space left on device (at utils:703)\nutils:453: error (28)\n" }));
+    EXPECT_FALSE(exists(small / "sparse"));
     EXPECT_EQ(runCopy(folder, small / "folder", COPY_FILE_RECURSIVE),
               (Outcome { ENOSPC, small / "folder/big: No space left on device (at utils:703)\nutils:453: error (28)\nutils:410: error (28)\n" }));
     EXPECT_FALSE(exists(small / "folder"));
@@ -234,11 +242,15 @@ TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotPastAnAppendOnlyFile)
     ASSERT_EQ(runProgram({ "chattr", "+a", log }).status, 0);
     EXPECT_EQ(runDelete(tree + "/link").status, 0);   // a link to a folder goes itself
 
-    // The append-only file stops it, with a line from each folder on the way down.
-    EXPECT_EQ(runDelete(tree), (Outcome { EPERM, log + ": Operation not permitted (at utils:195)\n" + log
-                                                      + ": Operation not permitted (at utils:189)\n" + tree
-                                                      + "/sub: Operation not permitted (at utils:189)\n" }));
-    EXPECT_TRUE(exists(log));
+    // The append-only file stops it, with a line from each folder on the way down; on several
+    // threads too.
+    for (const unsigned threads : { 0u, 3u }) {
+        EXPECT_EQ(runDelete(tree, 0, threads), (Outcome { EPERM, log + ": Operation not permitted (at utils:195)\n" + log
+                                                                 + ": Operation not permitted (at utils:189)\n" + tree
+                                                                 + "/sub: Operation not permitted (at utils:189)\n" }))
+                << threads;
+        EXPECT_TRUE(exists(log));
+    }
     ASSERT_EQ(runProgram({ "chattr", "-a", log }).status, 0);
     EXPECT_EQ(runDelete(tree), (Outcome { 0, "" }));
     EXPECT_EQ(listing(here), "outside/ outside/precious=keep");
@@ -340,7 +352,7 @@ TEST_F(Unprivileged, SetUserIdIsDroppedWhenTheCopyChangesHands)
     EXPECT_EQ(modeOf(work + "/shared") & 07777, 02755u);   // the user's own group: kept
 
     // The superuser giving the copy another owner drops them too.
-    const copy_file_options giveAway { COPY_FILE_OWNER | COPY_FILE_GROUP, nobody, nobody, nullptr, nullptr };
+    const copy_file_options giveAway { COPY_FILE_OWNER | COPY_FILE_GROUP, nobody, nobody, nullptr, nullptr, 0 };
     ASSERT_TRUE(copy_file(program.c_str(), (volume / "given").c_str(), &giveAway));
     const struct stat given = statusOf(volume / "given");
     EXPECT_TRUE(given.st_uid == nobody && given.st_gid == nobody);

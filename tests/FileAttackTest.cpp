@@ -227,6 +227,12 @@ protected:
     std::string victimBefore, secretBefore;
 };
 
+// Every other round copies on two threads, keeping hard links, and deletes on two threads.
+uint32_t onThreads(unsigned round)
+{
+    return round % 2 ? COPY_FILE_PARALLEL | COPY_FILE_HARD_LINKS : 0;
+}
+
 TEST_F(Attack, RecursiveCopiesIntoAndOutOfAFolderWhoseFoldersAreSwappedForLinks)
 {
     // Into the attacker's folders, which the copy merges into: they become links to the
@@ -244,8 +250,8 @@ TEST_F(Attack, RecursiveCopiesIntoAndOutOfAFolderWhoseFoldersAreSwappedForLinks)
         const unsigned rounds = repeat(attacker, [&](unsigned round) {
             const std::string name = "/copy" + std::to_string(round), copy = home + name;
             makeAttackersTree(staging + name, shape(), copy);
-            runCopy(source, copy, COPY_FILE_RECURSIVE);
-            runDelete(copy);
+            runCopy(source, copy, COPY_FILE_RECURSIVE | onThreads(round), 0, 2);
+            runDelete(copy, 0, round % 2 * 2);
         });
         std::printf("%u copies into the attacker's folder, %lu swaps\n", rounds, attacker.attacks());
     }
@@ -268,9 +274,9 @@ TEST_F(Attack, RecursiveCopiesIntoAndOutOfAFolderWhoseFoldersAreSwappedForLinks)
         ASSERT_TRUE(attacker.ok());
         const unsigned rounds = repeat(attacker, [&](unsigned round) {
             const std::string copy = copies + "/" + std::to_string(round);
-            runCopy(source, copy, COPY_FILE_RECURSIVE);
+            runCopy(source, copy, COPY_FILE_RECURSIVE | onThreads(round), 0, 2);
             EXPECT_EQ(fingerprint(copy).find("=secret"), std::string::npos) << copy;
-            runDelete(copy);
+            runDelete(copy, 0, round % 2 * 2);
         });
         std::printf("%u copies out of the attacker's folder, %lu swaps\n", rounds, attacker.attacks());
     }
@@ -289,7 +295,7 @@ TEST_F(Attack, AFolderSwappedWhileTheFilterRunsLeadsTheCopyNowhereElse)
         std::string at, source, copy, victim, secret, home;
         bool done = false, ok = false;
     } swap { source + "/d1/e0", source + "/d1", copy + "/d1", victim + "/d1", secret + "/d1", home };
-    copy_file_options options { COPY_FILE_RECURSIVE, 0, 0, &swap, nullptr };
+    copy_file_options options { COPY_FILE_RECURSIVE, 0, 0, &swap, nullptr, 0 };
     options.filter = [](void *context, const char *path, const copy_file_options *, int32_t) {
         auto *wanted = static_cast<Swap *>(context);
         if (!wanted->done && wanted->at == path) {
@@ -324,7 +330,7 @@ TEST_F(Attack, DeletesOfATreeWhoseFoldersAreSwappedForLinks)
     const unsigned rounds = repeat(attacker, [&](unsigned round) {
         const std::string name = "/tree" + std::to_string(round);
         makeAttackersTree(staging + name, tree, home + name);
-        runDelete(home + name);
+        runDelete(home + name, 0, round % 2 * 2);
     });
     std::printf("%u deletes, %lu swaps\n", rounds, attacker.attacks());
     expectUntouched();

@@ -104,7 +104,9 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         { "encrypt|--cipher|rsa|--pem|/nonexistent/key.pem", "input", 1, "" },
         { "copy|%D/source|%D/flat", {}, 0, "" },
         { "copy|--recursive|--keep-going|%D/source|%D/deep", {}, 0, "" },
+        { "copy|--recursive|--hard-links|--jobs|2|%D/source|%D/threads", {}, 0, "" },
         { "delete|%D/flat", {}, 0, "" },
+        { "delete|--jobs|3|%D/threads", {}, 0, "" },
         { "delete|%D/flat", {}, 1, "", "qzutil: cannot delete %D/flat: No such file or directory\n" },
         { "copy|%D/flat|%D/again", {}, 1, "", "%D/flat: No such file or directory (at utils:309)\n" },
         { "run|/bin/sh|-c|echo out; exit 3", {}, 0, "out\n3\n" },
@@ -118,6 +120,8 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         { "base64|--decode|--url", {}, 2, "", "usage: qzutil base64 " },
         { "encrypt|--cipher|aes", {}, 2, "", "usage: qzutil encrypt " },
         { "copy|--owner|a|x|y", {}, 2, "", "usage: qzutil copy " },
+        { "copy|--jobs|0|x|y", {}, 2, "", "usage: qzutil copy " },
+        { "delete|--jobs|65|x", {}, 2, "", "usage: qzutil delete " },
         { "plist|a|b", {}, 2, "", "usage: qzutil plist " },
     };
     for (const auto &row : rows) {
@@ -228,7 +232,7 @@ TEST(Qzutil, WordsAfterTheOptionsPassThrough)
         { "base64|--|%D/file", 0, "ZGF0YQ==\n", "" },
         { "helper|echo|-x", 1, "status 22\n", "qzutil: echo: Invalid argument (status 22)\n" },   // echo takes no argument
         // An option after an operand is an operand, "-" included.
-        { "copy|%D/file|--recursive|%D/copy", 2, "", "usage: qzutil copy [--recursive] [--keep-going] [--owner UID] [--group GID] SOURCE DESTINATION\n" },
+        { "copy|%D/file|--recursive|%D/copy", 2, "", "usage: qzutil copy [--recursive] [--keep-going] [--hard-links] [--jobs N] [--owner UID] [--group GID] SOURCE DESTINATION\n" },
         { "base64|-|--url", 2, "", "usage: qzutil base64 [--decode] [--url] [--mime] [--width N] [FILE]\n" },
         { "encrypt|--cipher", 2, "", "usage: qzutil encrypt --cipher NAME|NUMBER" },
     };

@@ -52,8 +52,9 @@ QZUTILS_EXPORT stringbuf stringbuf_append_path_component(stringbuf buf, const ch
 
 /* Copying and deleting file-system objects.
  *
- * Both work on objects themselves, never on what a symbolic link points to. They are not safe to
- * run on two threads at once: the copy keeps a process-wide cache of volume capabilities.
+ * Both work on objects themselves, never on what a symbolic link points to. They are safe to run
+ * on several threads at once (the process-wide cache of volume capabilities is shared under a
+ * lock), and on request they spread one copy or deletion over several threads of their own.
  */
 
 /* Bits of copy_file_options.flags. */
@@ -61,6 +62,12 @@ QZUTILS_EXPORT stringbuf stringbuf_append_path_component(stringbuf buf, const ch
 #define COPY_FILE_OWNER      0x2u /* give every copied object `owner` instead of the source's */
 #define COPY_FILE_GROUP      0x4u /* give every copied object `group` instead of the source's */
 #define COPY_FILE_KEEP_GOING 0x8u /* go on with the next entry when one entry of a folder fails */
+#define COPY_FILE_HARD_LINKS 0x10u /* objects that are hard links of each other in the source are
+                                      hard links of each other in the copy (the first one copied
+                                      is linked to; if its copy failed, later ones are copied on
+                                      their own) */
+#define COPY_FILE_PARALLEL   0x20u /* copy the entries of folders on `threads` threads, the
+                                      caller's included; see copy_file */
 
 typedef struct copy_file_options copy_file_options;
 
@@ -76,6 +83,7 @@ struct copy_file_options {
     uint32_t group;           /* group id given with COPY_FILE_GROUP */
     void *context;            /* handed to `filter` unchanged */
     copy_file_filter filter;  /* may be null */
+    uint32_t threads;         /* with COPY_FILE_PARALLEL only (not read otherwise): how many threads */
 };
 
 /* Copies the object at `source` to `destination`: data, extended attributes, access control
@@ -88,11 +96,23 @@ struct copy_file_options {
  * copying a file onto itself gives); each failing step has reported its line, innermost first,
  * and errno holds the failing step's cause. */
 QZUTILS_EXPORT bool copy_file(const char *source, const char *destination, const copy_file_options *options);
+/* With COPY_FILE_PARALLEL and `threads` of 2 or more, the entries of folders are copied on that
+ * many threads; the result, the copy and errno (set on the caller's thread) are as without it.
+ * `filter` is called from one thread at a time (not necessarily the caller's), and in no fixed
+ * order. Each report line is written whole; the lines of one failing object come in their order,
+ * innermost first, though lines of other objects may come between them. Without keep-going, the
+ * entries of a folder not yet begun when one fails are not copied, and the folder is deleted
+ * once those under way have finished. */
 
 /* Deletes the object at `path`, and for a folder everything beneath it, clearing the immutable
  * flag and adding owner write permission to folders on the way. 0 when it is gone, -1 with
  * errno set otherwise; a path that does not exist gives -1 with ENOENT and no report. */
 QZUTILS_EXPORT int delete_file_object(const char *path);
+/* delete_file_object on `threads` threads, the caller's included (fewer than 2: on the caller's
+ * thread alone). errno is set on the caller's thread. When an entry fails, the entries of its
+ * folder not yet begun are left alone and the deletion fails once those under way have ended;
+ * each failing entry's lines come in their order, innermost first. */
+QZUTILS_EXPORT int delete_file_object_parallel(const char *path, unsigned threads);
 
 /* Running tools. Neither writes report lines; -1 is their only failure signal. */
 

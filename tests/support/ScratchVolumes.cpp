@@ -85,15 +85,17 @@ Outcome runProgram(const std::vector<std::string> &argv)
     });
 }
 
-Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags, uid_t user)
+Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags, uid_t user, uint32_t threads)
 {
-    const copy_file_options options { flags, 0, 0, nullptr, nullptr };
+    const copy_file_options options { flags, 0, 0, nullptr, nullptr, threads };
     return runAs(user, [&] { return copy_file(source.c_str(), destination.c_str(), &options); });
 }
 
-Outcome runDelete(const std::string &path, uid_t user)
+Outcome runDelete(const std::string &path, uid_t user, unsigned threads)
 {
-    return runAs(user, [&] { return delete_file_object(path.c_str()) == 0; });
+    return runAs(user, [&] {
+        return (threads ? delete_file_object_parallel(path.c_str(), threads) : delete_file_object(path.c_str())) == 0;
+    });
 }
 
 ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
@@ -115,7 +117,14 @@ ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)
         // The loop device goes by itself when the volume is unmounted.
         m_ok = m_mounted = runProgram({ "mkfs.ext4", "-q", "-F", "-b", "4096", image, "256M" }).status == 0
                 && runProgram({ "mount", "-o", "loop", image, m_root }).status == 0;
-    } else if (canMount() && runProgram({ "mkfs.vfat", "-C", image, std::to_string(bytes >> 10) }).status == 0) {
+    } else if (canMount() && (kind == Btrfs || kind == Xfs)) {
+        // An image file of the whole size (sparse), then the file system in it.
+        std::ofstream(image, std::ios::binary).close();
+        const int made = truncate(image.c_str(), static_cast<off_t>(bytes)) < 0 ? -1
+                : kind == Btrfs ? runProgram({ "mkfs.btrfs", "-q", "-f", image }).status
+                                : runProgram({ "mkfs.xfs", "-q", "-f", "-m", "reflink=1", image }).status;
+        m_ok = m_mounted = made == 0 && runProgram({ "mount", "-o", "loop", image, m_root }).status == 0;
+    } else if (canMount() && kind == Fat && runProgram({ "mkfs.vfat", "-C", image, std::to_string(bytes >> 10) }).status == 0) {
         // The FUSE driver serves the loop device (no kernel FAT driver needed) as a child that
         // dies with this process.
         const Outcome attached = runProgram({ "losetup", "--find", "--show", image });

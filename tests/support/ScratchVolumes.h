@@ -28,18 +28,22 @@ inline void PrintTo(const Outcome &outcome, std::ostream *out) { *out << outcome
 
 // Runs a program (found along PATH) and waits for it.
 Outcome runProgram(const std::vector<std::string> &argv);
-// copy_file and delete_file_object as the superuser or, in a forked child, as `user` (and group).
-Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags = 0, uid_t user = 0);
-Outcome runDelete(const std::string &path, uid_t user = 0);
+// copy_file and delete_file_object as the superuser or, in a forked child, as `user` (and group);
+// with `threads`, the copy's options carry that count and the deletion is the parallel one.
+Outcome runCopy(const std::string &source, const std::string &destination, uint32_t flags = 0, uid_t user = 0,
+                uint32_t threads = 0);
+Outcome runDelete(const std::string &path, uid_t user = 0, unsigned threads = 0);
 // True when the tests run as the superuser in a private mount namespace.
 inline bool canMount() { return geteuid() == 0 && std::getenv("QZ_TEST_NO_MOUNTS") == nullptr; }
 
 // A mounted volume: ext4 (the temporary folder itself when it is ext4, an image of 256 MiB on a
-// loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`. Check ok().
+// loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`, or a btrfs or XFS
+// image of `bytes` on a loop device (volumes that share extents; at least 128 MiB and 300 MiB).
+// Check ok().
 class ScratchVolume
 {
 public:
-    enum Kind { Ext4, Tmpfs, Fat };
+    enum Kind { Ext4, Tmpfs, Fat, Btrfs, Xfs };
     explicit ScratchVolume(Kind kind, unsigned long long bytes = 64ull << 20);
     ~ScratchVolume();
     ScratchVolume(const ScratchVolume &) = delete;

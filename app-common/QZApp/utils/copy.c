@@ -16,8 +16,11 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <search.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -28,10 +31,32 @@
 /* How far up the destination's folders the check for a copy into itself looks. */
 #define ANCESTORS_MAX 4096
 
+/* Objects of the source with more than one name, met during a copy with COPY_FILE_HARD_LINKS:
+ * what became of the first of each set. The copy of the first one is held open while more of
+ * its set are to come, and later ones are linked to it through its descriptor, never a path. */
+enum link_state { LINK_PENDING, LINK_READY, LINK_NONE };
+
+struct link_set {
+    uint64_t device, inode;        /* the source object */
+    enum link_state state;         /* its copy is under way, done and held, or failed or not held */
+    int copy;                      /* the copy, when ready */
+    uint32_t left;                 /* names of the set not yet met */
+};
+
+struct link_table {
+    pthread_mutex_t lock;
+    pthread_cond_t settled;        /* a set left LINK_PENDING */
+    void *root;                    /* tsearch tree of struct link_set */
+    unsigned held, held_max;       /* descriptors held, and how many may be */
+};
+
 /* What stays the same through one copy_file call. */
 struct copy_context {
     const copy_file_options *options;   /* may be null */
     bool superuser;
+    struct work_pool *pool;             /* null unless the copy runs on several threads */
+    pthread_mutex_t *filter_lock;       /* with a pool: the filter is called under it */
+    struct link_table *links;           /* null unless hard links are kept */
 };
 
 /* Where an object of the copy is: the folder holding it (-1 when the folder of a named path
@@ -46,9 +71,37 @@ struct place {
 static bool copy_object(const struct copy_context *context, const struct place *from, const struct place *to,
                         int32_t destination_device, unsigned char type_hint);
 
+static int compare_sets(const void *a, const void *b)
+{
+    const struct link_set *x = a, *y = b;
+    if (x->device != y->device)
+        return x->device < y->device ? -1 : 1;
+    return x->inode < y->inode ? -1 : x->inode > y->inode;
+}
+
+static void free_set(void *node)
+{
+    struct link_set *set = node;
+    if (set->state == LINK_READY)
+        close(set->copy);
+    free(set);
+}
+
 bool copy_file(const char *source, const char *destination, const copy_file_options *options)
 {
-    const struct copy_context context = { options, geteuid() == 0 };
+    const uint32_t flags = options ? options->flags : 0;
+    pthread_mutex_t filter_lock = PTHREAD_MUTEX_INITIALIZER;
+    struct link_table links = { PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, NULL, 0, 16 };
+    struct rlimit files;
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY && files.rlim_cur / 4 > links.held_max)
+        links.held_max = (unsigned)(files.rlim_cur / 4 < 65536 ? files.rlim_cur / 4 : 65536);
+    const struct copy_context context = {
+        options,
+        geteuid() == 0,
+        (flags & COPY_FILE_PARALLEL) && (flags & COPY_FILE_RECURSIVE) ? utils_pool_start(options->threads) : NULL,
+        &filter_lock,
+        flags & COPY_FILE_HARD_LINKS ? &links : NULL,
+    };
     struct named_object named_source, named_destination;
     struct place from = { -1, NULL, source, 0 }, to = { -1, NULL, destination, 0 };
     if (utils_open_named(source, &named_source) == 0) {
@@ -68,9 +121,88 @@ bool copy_file(const char *source, const char *destination, const copy_file_opti
         named_destination.folder = AT_FDCWD;
     }
     const bool ok = copy_object(&context, &from, &to, -1, DT_UNKNOWN);
+    const int saved = errno;
+    utils_pool_stop(context.pool);
+    tdestroy(links.root, free_set);
     utils_close_named(&named_source);
     utils_close_named(&named_destination);
+    errno = saved;
     return ok;
+}
+
+/* How an object with more than one name is to be copied. */
+enum link_claim { LINK_FIRST, LINK_TO, LINK_ALONE };
+
+/* Looks the source object up among the sets met so far: the first of its set (the caller then
+ * settles the set), one to link to the copy `*copy` (a descriptor of the caller's own), or one
+ * to copy on its own. Waits while the first of its set is being copied on another thread. */
+static enum link_claim claim_link(struct link_table *table, const struct statx *status, struct link_set **found,
+                                  int *copy)
+{
+    struct link_set key = { ((uint64_t)status->stx_dev_major << 32) | status->stx_dev_minor, status->stx_ino,
+                            LINK_PENDING, -1, 0 };
+    enum link_claim claim = LINK_ALONE;
+    pthread_mutex_lock(&table->lock);
+    struct link_set **node = tfind(&key, &table->root, compare_sets);
+    if (!node) {
+        struct link_set *set = malloc(sizeof *set);
+        if (set)
+            *set = key;
+        if (set && tsearch(set, &table->root, compare_sets)) {
+            *found = set;
+            claim = LINK_FIRST;
+        } else {
+            free(set);
+        }
+    } else {
+        struct link_set *set = *node;
+        while (set->state == LINK_PENDING)
+            pthread_cond_wait(&table->settled, &table->lock);
+        if (set->state == LINK_READY) {
+            *copy = fcntl(set->copy, F_DUPFD_CLOEXEC, 0);
+            claim = *copy >= 0 ? LINK_TO : LINK_ALONE;
+            if (set->left > 0 && --set->left == 0) {   /* the last of its set: nothing more links to it */
+                close(set->copy);
+                set->state = LINK_NONE;
+                table->held--;
+            }
+        }
+    }
+    pthread_mutex_unlock(&table->lock);
+    return claim;
+}
+
+/* Settles the set whose first object was copied, to `copy` (a descriptor the table then owns),
+ * or, with -1, as one whose later objects are copied on their own. */
+static void settle_link(struct link_table *table, struct link_set *set, const struct statx *status, int copy)
+{
+    pthread_mutex_lock(&table->lock);
+    if (copy >= 0 && table->held < table->held_max) {
+        set->state = LINK_READY;
+        set->copy = copy;
+        set->left = status->stx_nlink - 1;
+        table->held++;
+    } else {
+        if (copy >= 0)
+            close(copy);
+        set->state = LINK_NONE;
+    }
+    pthread_cond_broadcast(&table->settled);
+    pthread_mutex_unlock(&table->lock);
+}
+
+/* Makes the destination another name of `copy`, replacing what is in the way. The object
+ * reached through the descriptor's magic link is the copy itself, a symbolic link included. */
+static bool link_copy(const struct copy_record *record, int copy)
+{
+    char via[UTILS_FD_PATH_ROOM];
+    const int folder = record->destination_folder;
+    const char *name = record->destination_name;
+    utils_fd_path(copy, via);
+    int result = linkat(AT_FDCWD, via, folder, name, AT_SYMLINK_FOLLOW);
+    if (result < 0 && errno == EEXIST && utils_delete_at(folder, name, record->destination) == 0)
+        result = linkat(AT_FDCWD, via, folder, name, AT_SYMLINK_FOLLOW);
+    return result == 0;
 }
 
 /* Opens the source object without following a link and without blocking and reads its status,
@@ -276,11 +408,57 @@ static bool make_folder(struct copy_record *record)
     return true;
 }
 
-/* Copies the entries of the source folder into the destination folder, both held by the record. */
+/* An entry of a folder handed to another thread: the two folders (held open by the folder's
+ * copy, which waits for it) and its two paths, its name at their ends. */
+struct copy_item {
+    struct work_item item;
+    const struct copy_context *context;
+    int source_folder, destination_folder;
+    int32_t destination_device;
+    unsigned char type;
+    size_t source_name_at, destination_name_at;
+    char *destination;   /* behind the source path */
+    char source[];
+};
+
+static void copy_item(struct work_item *item, bool cancelled)
+{
+    struct copy_item *entry = (struct copy_item *)item;
+    const struct place from = { entry->source_folder, entry->source + entry->source_name_at, entry->source, 0 };
+    const struct place to = { entry->destination_folder, entry->destination + entry->destination_name_at,
+                              entry->destination, 0 };
+    if (!cancelled && !copy_object(entry->context, &from, &to, entry->destination_device, entry->type)
+        && !(entry->context->options->flags & COPY_FILE_KEEP_GOING)) {
+        utils_report_error(UTILS_SITE_COPY_ENTRY);
+        utils_group_fail(item->group, errno, true);
+    }
+    free(entry);
+}
+
+/* Hands the entry at the ends of the two paths over to the pool; false when out of memory. */
+static bool hand_over(struct work_group *group, const struct copy_context *context, const struct place *from,
+                      const struct place *to, size_t source_base, size_t destination_base, int32_t destination_device,
+                      unsigned char type)
+{
+    const size_t source_length = strlen(from->path), destination_length = strlen(to->path);
+    struct copy_item *entry = malloc(sizeof *entry + source_length + destination_length + 2);
+    if (!entry)
+        return false;
+    *entry = (struct copy_item) { { NULL, NULL, copy_item }, context, from->folder, to->folder, destination_device,
+                                  type, source_base, destination_base, entry->source + source_length + 1 };
+    memcpy(entry->source, from->path, source_length + 1);
+    memcpy(entry->destination, to->path, destination_length + 1);
+    utils_pool_submit(group, &entry->item);
+    return true;
+}
+
+/* Copies the entries of the source folder into the destination folder, both held by the record.
+ * With a pool, entries go to other threads while they want work. */
 static bool copy_entries(const struct copy_context *context, const struct copy_record *record)
 {
     bool ok = false;
     char *source_path = NULL, *destination_path = NULL;
+    struct work_group group = { .pool = context->pool };
     /* A stream of its own, so that the folder's descriptor stays the record's. */
     const int fd = record->source_path_only ? openat(record->source_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
                                             : fcntl(record->source_fd, F_DUPFD_CLOEXEC, 0);
@@ -306,6 +484,8 @@ static bool copy_entries(const struct copy_context *context, const struct copy_r
     const bool keep_going = record->options->flags & COPY_FILE_KEEP_GOING;
     const struct dirent *entry;
     while ((entry = utils_next_entry(folder, record->source, UTILS_SITE_COPY_READ_ENTRY))) {
+        if (utils_group_stopping(&group))
+            break;   /* an entry handed over failed */
         bool copied;
         /* An entry whose paths do not fit is not copied: its reports and the filter could not
          * name it. */
@@ -317,6 +497,10 @@ static bool copy_entries(const struct copy_context *context, const struct copy_r
         } else {
             const struct place from = { dirfd(folder), entry->d_name, source_path, 0 };
             const struct place to = { record->destination_fd, entry->d_name, destination_path, 0 };
+            if (context->pool && utils_pool_wants_work(context->pool)
+                && hand_over(&group, context, &from, &to, source_base, destination_base, record->destination_device,
+                             entry->d_type))
+                continue;
             copied = copy_object(context, &from, &to, record->destination_device, entry->d_type);
         }
         if (!copied && !keep_going) {
@@ -324,10 +508,24 @@ static bool copy_entries(const struct copy_context *context, const struct copy_r
             goto out;
         }
     }
+    const int read_error = errno;
+    utils_group_wait(&group);
+    int failure;
+    if (utils_group_failed(&group, &failure)) {
+        errno = failure;
+        goto out;
+    }
+    errno = read_error;
     if (errno != 0)
         goto out;
     ok = true;
 out:;
+    if (!ok && context->pool) {   /* after a failure of this thread's own, what was handed over stops */
+        const int own = errno;
+        utils_group_fail(&group, own, true);
+        utils_group_wait(&group);
+        errno = own;
+    }
     const int saved = errno;
     free(source_path);
     free(destination_path);
@@ -402,8 +600,15 @@ static bool copy_object(const struct copy_context *context, const struct place *
                         int32_t destination_device, unsigned char type_hint)
 {
     const copy_file_options *options = context->options;
-    if (options && options->filter && !options->filter(options->context, from->path, options, destination_device))
-        return true;
+    if (options && options->filter) {
+        if (context->pool)
+            pthread_mutex_lock(context->filter_lock);
+        const bool wanted = options->filter(options->context, from->path, options, destination_device);
+        if (context->pool)
+            pthread_mutex_unlock(context->filter_lock);
+        if (!wanted)
+            return true;
+    }
 
     struct copy_record record = {
         .source = from->path,
@@ -457,6 +662,22 @@ static bool copy_object(const struct copy_context *context, const struct place *
         return false;
     }
 
+    /* Another name of an object copied before becomes another name of its copy. */
+    struct link_set *first_of_set = NULL;
+    if (context->links && type != S_IFDIR && status->stx_nlink > 1) {
+        int copy = -1;
+        const enum link_claim claim = claim_link(context->links, status, &first_of_set, &copy);
+        if (claim == LINK_TO) {
+            const bool linked = link_copy(&record, copy);
+            close(copy);
+            if (linked) {
+                close_record(&record, true);
+                return true;
+            }
+            /* not possible here (another volume, too many links): a copy of its own instead */
+        }
+    }
+
     bool created = false;
     switch (type) {
     case S_IFIFO:
@@ -492,11 +713,22 @@ static bool copy_object(const struct copy_context *context, const struct place *
                 && utils_copy_owner(&record)
                 && utils_copy_attribute_list(&record);
     }
+    int kept = -1;   /* the copy, for later names of its set */
+    if (first_of_set && ok)
+        kept = fcntl(record.destination_fd, F_DUPFD_CLOEXEC, 0);
     ok = close_record(&record, ok);
     if (!ok) {
         const int saved = errno;
         if (saved != EEXIST)
             (void)utils_delete_at(to->folder, to->name, to->path);
+        if (kept >= 0)
+            close(kept);
+        kept = -1;
+        errno = saved;
+    }
+    if (first_of_set) {
+        const int saved = errno;
+        settle_link(context->links, first_of_set, status, kept);
         errno = saved;
     }
     return ok;

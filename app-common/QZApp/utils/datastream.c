@@ -1,10 +1,14 @@
-/* The data of a regular file: copied in the kernel where the two volumes allow it, and through
- * one page-aligned buffer of at most 8 MiB with positioned reads and writes otherwise. */
+/* The data of a regular file: shared with the source where the volume can share extents (a
+ * clone), otherwise copied in the kernel where the two volumes allow it, and through one
+ * page-aligned buffer of at most 8 MiB with positioned reads and writes otherwise. A sparse file
+ * keeps its holes. */
 #include "utils_private.h"
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -75,43 +79,98 @@ static bool write_all(int fd, const char *bytes, size_t length, off_t offset)
     return true;
 }
 
-/* Copies from `offset` on through the buffer until `remaining` bytes were read or the source
- * ends early (a file that shrank is not an error). */
+/* One file's data buffer: page-aligned, of at most 8 MiB, allocated when first needed. */
+struct data_buffer {
+    void *bytes;
+    size_t room;
+};
+
+/* Copies `length` bytes at `offset` through the buffer. Sets `*ended` when the source ends
+ * early (a file that shrank is not an error). */
 static bool copy_through_buffer(int in, int out, const char *source, const char *destination,
-                                off_t offset, off_t remaining, size_t size)
+                                struct data_buffer *buffer, off_t offset, off_t length, bool *ended)
 {
-    const size_t room = size < UTILS_COPY_BUFFER_MAX ? size : UTILS_COPY_BUFFER_MAX;
-    void *buffer = NULL;
-    const int error = posix_memalign(&buffer, (size_t)sysconf(_SC_PAGESIZE), room);
-    if (error) {
-        errno = error;
-        return false;
+    if (!buffer->bytes) {
+        const int error = posix_memalign(&buffer->bytes, (size_t)sysconf(_SC_PAGESIZE), buffer->room);
+        if (error) {
+            buffer->bytes = NULL;
+            errno = error;
+            return false;
+        }
     }
-    bool ok = false;
-    while (remaining > 0) {
-        const size_t wanted = (off_t)room < remaining ? room : (size_t)remaining;
-        const ssize_t got = pread(in, buffer, wanted, offset);
+    while (length > 0) {
+        const size_t wanted = (off_t)buffer->room < length ? buffer->room : (size_t)length;
+        const ssize_t got = pread(in, buffer->bytes, wanted, offset);
         if (got < 0) {
             if (errno == EINTR)
                 continue;
             utils_report_path(source, UTILS_SITE_DATA_READ);
-            goto out;
+            return false;
         }
-        if (got == 0)
+        if (got == 0) {
+            *ended = true;
             break;
-        if (!write_all(out, buffer, (size_t)got, offset)) {
+        }
+        if (!write_all(out, buffer->bytes, (size_t)got, offset)) {
             utils_report_path(destination, UTILS_SITE_DATA_WRITE);
-            goto out;
+            return false;
         }
         offset += got;
-        remaining -= got;
+        length -= got;
     }
-    ok = true;
-out:;
-    const int saved = errno;
-    free(buffer);
-    errno = saved;
-    return ok;
+    return true;
+}
+
+/* Copies `length` bytes at `offset`: in the kernel first, at most 8 MiB per call; whatever stops
+ * it (volumes that cannot, or a failure) hands the rest to the buffer, which reports a failure on
+ * the side it belongs to. */
+static bool copy_range(int in, int out, const char *source, const char *destination, struct data_buffer *buffer,
+                       off_t offset, off_t length, bool *ended)
+{
+    while (length > 0) {
+        loff_t in_offset = offset, out_offset = offset;
+        const size_t wanted = length < (off_t)UTILS_COPY_BUFFER_MAX ? (size_t)length : UTILS_COPY_BUFFER_MAX;
+        const ssize_t copied = copy_file_range(in, &in_offset, out, &out_offset, wanted, 0);
+        if (copied < 0 && errno == EINTR)
+            continue;
+        if (copied <= 0)
+            break;
+        offset += copied;
+        length -= copied;
+    }
+    return length <= 0 || copy_through_buffer(in, out, source, destination, buffer, offset, length, ended);
+}
+
+/* A sparse file, extent by extent: only the ranges holding data are copied, the holes between
+ * them stay holes, and the length is set at the end (shorter if the source shrank meanwhile). */
+static bool copy_extents(int in, int out, const char *source, const char *destination, struct data_buffer *buffer,
+                         off_t size)
+{
+    off_t offset = 0;
+    bool ended = false;
+    while (offset < size && !ended) {
+        const off_t data = lseek(in, offset, SEEK_DATA);
+        if (data < 0 && errno == ENXIO)
+            break;   /* no data beyond `offset`: a hole up to the end, or the file ends sooner */
+        const off_t hole = data < 0 ? -1 : lseek(in, data, SEEK_HOLE);
+        if (hole < 0) {
+            utils_report_path(source, UTILS_SITE_DATA_READ);
+            return false;
+        }
+        if (data >= size)
+            break;
+        const off_t end = hole < size ? hole : size;
+        if (!copy_range(in, out, source, destination, buffer, data, end - data, &ended))
+            return false;
+        offset = end;
+    }
+    struct stat now;
+    const off_t length = fstat(in, &now) == 0 && now.st_size < size ? now.st_size : size;
+    if (ftruncate(out, length) < 0) {
+        utils_report_path(destination, UTILS_SITE_DATA_WRITE);
+        return false;
+    }
+    return true;
 }
 
 /* The source open for reading: the record's descriptor, or the object it holds path-only
@@ -146,25 +205,25 @@ bool utils_copy_data_stream(struct copy_record *record)
     record->current.known = fstat(out, &created) == 0;
     record->current.owner = created.st_uid;
     record->current.group = created.st_gid;
-    /* One piece for the whole size: only worth asking for when the data takes more than one
-     * transfer, since a single transfer is laid out in one piece anyway. Its result does not
-     * matter. */
-    if (size > (off_t)UTILS_COPY_BUFFER_MAX)
-        (void)fallocate(out, FALLOC_FL_KEEP_SIZE, 0, size);
+    /* Volumes that can share extents share them: the whole file at once. */
+    if (size > 0 && ioctl(out, FICLONE, in) == 0)
+        return true;
 
-    /* In the kernel first, at most 8 MiB per call. Whatever stops it (volumes that cannot, or a
-     * failure) hands the rest to the buffer, which reports a failure on the side it belongs to. */
-    off_t offset = 0, remaining = size;
-    while (remaining > 0) {
-        loff_t in_offset = offset, out_offset = offset;
-        const size_t wanted = remaining < (off_t)UTILS_COPY_BUFFER_MAX ? (size_t)remaining : UTILS_COPY_BUFFER_MAX;
-        const ssize_t copied = copy_file_range(in, &in_offset, out, &out_offset, wanted, 0);
-        if (copied < 0 && errno == EINTR)
-            continue;
-        if (copied <= 0)
-            break;
-        offset += copied;
-        remaining -= copied;
+    struct data_buffer buffer = { NULL, (size_t)size < UTILS_COPY_BUFFER_MAX ? (size_t)size : UTILS_COPY_BUFFER_MAX };
+    bool ok, ended = false;
+    /* A file that takes less room than its length has holes, which the copy keeps. */
+    if ((record->status.stx_mask & STATX_BLOCKS) && (off_t)(record->status.stx_blocks * 512) < size) {
+        ok = copy_extents(in, out, source, destination, &buffer, size);
+    } else {
+        /* One piece for the whole size: only worth asking for when the data takes more than one
+         * transfer, since a single transfer is laid out in one piece anyway. Its result does
+         * not matter. */
+        if (size > (off_t)UTILS_COPY_BUFFER_MAX)
+            (void)fallocate(out, FALLOC_FL_KEEP_SIZE, 0, size);
+        ok = copy_range(in, out, source, destination, &buffer, 0, size, &ended);
     }
-    return remaining <= 0 || copy_through_buffer(in, out, source, destination, offset, remaining, (size_t)size);
+    const int saved = errno;
+    free(buffer.bytes);
+    errno = saved;
+    return ok;
 }

@@ -29,7 +29,8 @@ static struct tree_mount mount_of(const struct statx *status)
     return (struct tree_mount) { false, ((uint64_t)status->stx_dev_major << 32) | status->stx_dev_minor };
 }
 
-static int delete_object(int parent, const char *name, const char *path, const struct tree_mount *tree);
+static int delete_object(int parent, const char *name, const char *path, const struct tree_mount *tree,
+                         struct work_pool *pool);
 
 /* Whether `name` in `folder` is the root folder, however it was spelled. */
 static bool is_root(int folder, const char *name)
@@ -46,10 +47,10 @@ int utils_delete_at(int folder, const char *name, const char *path)
         utils_report_path("/", UTILS_SITE_DELETE_STATUS);
         return -1;
     }
-    return delete_object(folder, name, path, NULL);
+    return delete_object(folder, name, path, NULL, NULL);
 }
 
-int delete_file_object(const char *path)
+int delete_file_object_parallel(const char *path, unsigned threads)
 {
     struct named_object named;
     if (utils_open_named(path, &named) < 0) {
@@ -57,16 +58,31 @@ int delete_file_object(const char *path)
             utils_report_path(path, UTILS_SITE_DELETE_STATUS);
         return -1;
     }
-    const int result = utils_delete_at(named.folder, named.name, path);
+    int result = -1;
+    if (is_root(named.folder, named.name)) {
+        errno = EPERM;
+        utils_report_path("/", UTILS_SITE_DELETE_STATUS);
+    } else {
+        struct work_pool *pool = utils_pool_start(threads);
+        result = delete_object(named.folder, named.name, path, NULL, pool);
+        utils_pool_stop(pool);
+    }
     utils_close_named(&named);
     return result;
 }
 
-static int delete_folder(int parent, const char *name, const char *path, mode_t mode, const struct tree_mount *tree);
+int delete_file_object(const char *path)
+{
+    return delete_file_object_parallel(path, 1);
+}
+
+static int delete_folder(int parent, const char *name, const char *path, mode_t mode, const struct tree_mount *tree,
+                         struct work_pool *pool);
 
 /* Deletes `name` in `parent` (shown as `path`); `tree` is the mount of the named object, null
  * for the named object itself. */
-static int delete_object(int parent, const char *name, const char *path, const struct tree_mount *tree)
+static int delete_object(int parent, const char *name, const char *path, const struct tree_mount *tree,
+                         struct work_pool *pool)
 {
     struct statx status;
     if (statx(parent, name, AT_SYMLINK_NOFOLLOW, STATX_TYPE | STATX_MODE, &status) < 0) {
@@ -78,7 +94,7 @@ static int delete_object(int parent, const char *name, const char *path, const s
     if (status.stx_attributes & STATX_ATTR_IMMUTABLE)
         (void)utils_clear_immutable_at(parent, name);
     if (S_ISDIR(status.stx_mode))
-        return delete_folder(parent, name, path, status.stx_mode, tree);
+        return delete_folder(parent, name, path, status.stx_mode, tree, pool);
     /* A symbolic link goes itself, never what it points to. */
     if (unlinkat(parent, name, 0) < 0) {
         utils_report_path(path, UTILS_SITE_DELETE_UNLINK);
@@ -116,10 +132,48 @@ fail:
     return NULL;
 }
 
-/* Empties the folder `name` in `parent` and removes it. */
-static int delete_folder(int parent, const char *name, const char *path, mode_t mode, const struct tree_mount *tree)
+/* An entry of a folder handed to another thread: its folder (held open by the folder's walk,
+ * which waits for it), and its path, the name at its end. */
+struct delete_item {
+    struct work_item item;
+    int folder;
+    const struct tree_mount *tree;
+    struct work_pool *pool;
+    size_t name_at;
+    char path[];
+};
+
+static void delete_item(struct work_item *item, bool cancelled)
+{
+    struct delete_item *entry = (struct delete_item *)item;
+    if (!cancelled && delete_object(entry->folder, entry->path + entry->name_at, entry->path, entry->tree, entry->pool) < 0) {
+        utils_report_path(entry->path, UTILS_SITE_DELETE_ENTRY);
+        utils_group_fail(item->group, errno, true);
+    }
+    free(entry);
+}
+
+/* Hands the entry at the end of `path` over to the pool; false when out of memory. */
+static bool hand_over(struct work_group *group, int folder, const char *path, size_t base,
+                      const struct tree_mount *tree)
+{
+    const size_t length = strlen(path);
+    struct delete_item *entry = malloc(sizeof *entry + length + 1);
+    if (!entry)
+        return false;
+    *entry = (struct delete_item) { { NULL, NULL, delete_item }, folder, tree, group->pool, base };
+    memcpy(entry->path, path, length + 1);
+    utils_pool_submit(group, &entry->item);
+    return true;
+}
+
+/* Empties the folder `name` in `parent` and removes it. With a pool, folders among its entries
+ * go to other threads while they want work. */
+static int delete_folder(int parent, const char *name, const char *path, mode_t mode, const struct tree_mount *tree,
+                         struct work_pool *pool)
 {
     int result = -1;
+    struct work_group group = { .pool = pool };
     if (geteuid() != 0 && !(mode & S_IWUSR))
         (void)fchmodat(parent, name, (mode & 07777) | S_IWUSR, AT_SYMLINK_NOFOLLOW);
     struct tree_mount own;
@@ -141,15 +195,28 @@ static int delete_folder(int parent, const char *name, const char *path, mode_t 
             utils_report_path(entry_path, UTILS_SITE_DELETE_ENTRY);
             goto out;
         }
+        if (utils_group_stopping(&group))
+            break;   /* an entry handed over failed */
         /* What is known not to be a folder goes at once; only when that fails (an immutable
          * entry, say) does the entry take the whole way, which then reports. */
         if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN && unlinkat(dirfd(folder), entry->d_name, 0) == 0)
             continue;
-        if (delete_object(dirfd(folder), entry->d_name, entry_path, tree) < 0) {
+        if (pool && entry->d_type == DT_DIR && utils_pool_wants_work(pool)
+            && hand_over(&group, dirfd(folder), entry_path, base, tree))
+            continue;
+        if (delete_object(dirfd(folder), entry->d_name, entry_path, tree, pool) < 0) {
             utils_report_path(entry_path, UTILS_SITE_DELETE_ENTRY);
             goto out;
         }
     }
+    const int read_error = errno;
+    utils_group_wait(&group);
+    int failure;
+    if (utils_group_failed(&group, &failure)) {
+        errno = failure;
+        goto out;
+    }
+    errno = read_error;
     if (errno != 0)
         goto out;
     /* What stands at the name now goes only if it is an (empty) folder: a link put there fails. */
@@ -159,6 +226,12 @@ static int delete_folder(int parent, const char *name, const char *path, mode_t 
     }
     result = 0;
 out:;
+    if (result < 0 && pool) {   /* after a failure of this thread's own, what was handed over stops */
+        const int failure_here = errno;
+        utils_group_fail(&group, failure_here, true);
+        utils_group_wait(&group);
+        errno = failure_here;
+    }
     const int saved = errno;
     free(entry_path);
     closedir(folder);

@@ -67,6 +67,46 @@ const char *utils_fd_path(int fd, char buffer[UTILS_FD_PATH_ROOM]);
 /* Whether two statuses name the same object. */
 bool utils_same_object(const struct statx *a, const struct statx *b);
 
+/* Threads of a parallel copy or deletion (work_pool.c). A walk hands entries to the pool as
+ * items while it wants work, and does them itself otherwise; a folder then waits for the items
+ * it handed over (working the queue meanwhile) before it goes on to its own last steps. */
+#define UTILS_POOL_THREADS_MAX 64
+
+struct work_pool;
+struct work_group;
+
+struct work_item {
+    struct work_item *next;
+    struct work_group *group;
+    /* Does the item (only gives up when `cancelled`: its group stopped) and frees it. */
+    void (*run)(struct work_item *item, bool cancelled);
+};
+
+/* The items one folder handed over. Lives with the folder, which waits for them all. */
+struct work_group {
+    struct work_pool *pool;   /* null: no pool, nothing is handed over */
+    unsigned pending;
+    bool stopping;            /* items not yet begun are cancelled */
+    bool failed;
+    int error;                /* the errno of the first failure */
+};
+
+/* A pool of `threads` threads, the caller's included (at most UTILS_POOL_THREADS_MAX); null
+ * for fewer than 2, or when out of memory: the work then stays on the caller's thread. */
+struct work_pool *utils_pool_start(unsigned threads);
+/* Waits for the threads to end; every group must have been waited for. Null is ignored. */
+void utils_pool_stop(struct work_pool *pool);
+/* Whether handing an item over now keeps a thread from idling. */
+bool utils_pool_wants_work(struct work_pool *pool);
+void utils_pool_submit(struct work_group *group, struct work_item *item);
+/* Returns once every item of the group is finished; errno is kept. */
+void utils_group_wait(struct work_group *group);
+/* Records a failed item (the first failure's errno is kept); `stop` cancels what has not begun. */
+void utils_group_fail(struct work_group *group, int error, bool stop);
+bool utils_group_stopping(struct work_group *group);
+/* Whether an item failed, with the first failure's errno. */
+bool utils_group_failed(struct work_group *group, int *error);
+
 /* Deletion by descriptor (delete.c): deletes `name` in `folder`, and everything beneath it,
  * reporting with `path`, as delete_file_object does with a path (the root folder refused
  * included). The copy clears obstacles and removes its partial copies with it. */

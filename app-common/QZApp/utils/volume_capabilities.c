@@ -9,6 +9,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,10 +24,14 @@
 #define KEEPS_ALL (KEEPS_UNIX | UTILS_ATTR_FLAGS)
 #define KEEPS_FAT UTILS_ATTR_MODTIME
 
-/* Process-wide and unguarded: copies must not run on two threads at once. */
+/* Process-wide, under `cache_lock`: copies on several threads share it. A lookup answers with
+ * a copy of the entry in `answer`, the calling thread's own, so that another thread's miss
+ * cannot change it while it is read; as before, the next lookup on the same thread replaces it. */
+static pthread_mutex_t cache_lock = PTHREAD_MUTEX_INITIALIZER;
 static struct volume_capabilities cache[2];
 static int last_written = 1;   /* so that the first miss fills entry 0 */
 static unsigned long queries;
+static _Thread_local struct volume_capabilities answer;
 
 int32_t utils_device_number(dev_t device)
 {
@@ -107,12 +112,18 @@ static int64_t capabilities_of(const struct statfs *fs, dev_t device)
     }
 }
 
+/* The cached entry of `device` copied to `answer`, or null. */
 static const struct volume_capabilities *cached(int32_t device)
 {
-    for (int i = 0; i < 2; i++)
-        if (cache[i].device == device && cache[i].common != 0)
-            return &cache[i];
-    return NULL;
+    const struct volume_capabilities *found = NULL;
+    pthread_mutex_lock(&cache_lock);
+    for (int i = 0; i < 2 && !found; i++)
+        if (cache[i].device == device && cache[i].common != 0) {
+            answer = cache[i];
+            found = &answer;
+        }
+    pthread_mutex_unlock(&cache_lock);
+    return found;
 }
 
 /* Queries the volume of the open `fd` (shown as `path`) and caches it under `device`. */
@@ -124,14 +135,21 @@ static const struct volume_capabilities *query(int fd, const char *path, int32_t
         utils_report_path(path, UTILS_SITE_VOLUME_FILE_SYSTEM);
         return NULL;
     }
-    queries++;
     const int64_t common = capabilities_of(&fs, status.st_dev);
-    if (common < 0)
-        return NULL;
-    last_written ^= 1;
-    cache[last_written].common = (uint32_t)common;
-    cache[last_written].device = device;
-    return &cache[last_written];
+    pthread_mutex_lock(&cache_lock);
+    queries++;
+    /* Another thread may have cached the same volume meanwhile: it is not cached twice. */
+    const bool known = common >= 0 && ((cache[0].device == device && cache[0].common != 0)
+                                       || (cache[1].device == device && cache[1].common != 0));
+    if (common >= 0 && !known) {
+        last_written ^= 1;
+        cache[last_written].common = (uint32_t)common;
+        cache[last_written].device = device;
+    }
+    if (common >= 0)
+        answer = (struct volume_capabilities) { (uint32_t)common, device };
+    pthread_mutex_unlock(&cache_lock);
+    return common < 0 ? NULL : &answer;
 }
 
 const struct volume_capabilities *utils_volume_capabilities(const char *path, int32_t device)
@@ -177,12 +195,17 @@ const struct volume_capabilities *utils_volume_capabilities_fd(int fd, const cha
 
 unsigned long utils_volume_capability_queries(void)
 {
-    return queries;
+    pthread_mutex_lock(&cache_lock);
+    const unsigned long counted = queries;
+    pthread_mutex_unlock(&cache_lock);
+    return counted;
 }
 
 void utils_volume_capabilities_reset(void)
 {
+    pthread_mutex_lock(&cache_lock);
     memset(cache, 0, sizeof cache);
     last_written = 1;
     queries = 0;
+    pthread_mutex_unlock(&cache_lock);
 }
