@@ -97,7 +97,10 @@ bool CopyOperation::admit(const QString &source)
 
 void CopyOperation::run()
 {
-    copy_file_options options = { COPY_FILE_RECURSIVE | COPY_FILE_KEEP_GOING, 0, 0, this, &CopyOperation::filter };
+    copy_file_options options {};
+    options.flags = COPY_FILE_RECURSIVE | COPY_FILE_KEEP_GOING;
+    options.context = this;
+    options.filter = &CopyOperation::filter;
     m_result.reportLines = captureStandardError([&] {
         for (const QString &source : m_sources) {
             if (m_cancelled)
