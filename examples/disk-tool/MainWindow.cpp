@@ -1,8 +1,10 @@
 #include "MainWindow.h"
 
 #include "Background.h"
+#include "BugReports.h"
 #include "Dialogs.h"
 
+#include <QZApp/QZBugReporter.h>
 #include <QZApp/QZLocalizedString.h>
 #include <QZApp/QZStringExtensions.h>
 
@@ -628,9 +630,9 @@ void MainWindow::showAbout()
 
 void MainWindow::reportBug()
 {
-    // TODO(reporter): Help > Report a Bug hands over to the framework's bug reporter once it is
-    // part of the library.
-    showError(QZLocalizedString("Bug reports cannot be sent yet."), ENOSYS, QString());
+    // The reporter's own window takes it from here: a fresh report with the template text, or
+    // the report already being written brought to the front.
+    bugReporter(this)->doDefaultBugReport();
 }
 
 void MainWindow::closeEvent(QCloseEvent *event)

@@ -1,10 +1,12 @@
 #include "Tour.h"
 
+#include "BugReports.h"
 #include "CopyOperation.h"
 #include "Dialogs.h"
 #include "FileActions.h"
 #include "MainWindow.h"
 
+#include <QZApp/QZBugReporter.h>
 #include <QZApp/QZCrypto.h>
 #include <QZApp/QZFuture.h>
 #include <QZApp/QZThreadProxy.h>
@@ -112,6 +114,7 @@ private:
     QString cipherRoundTrip();
     QString futureAndProxy();
     QString aboutBox();
+    QString bugReport();
     QString closeEverything();
 
     QString m_screenshots;
@@ -193,8 +196,7 @@ int Tour::run()
     step("Cipher round trip (Blowfish, CBC)", [this] { return cipherRoundTrip(); });
     step("Future and thread proxy", [this] { return futureAndProxy(); });
     step("About box", [this] { return aboutBox(); });
-    // TODO(reporter): compose a bug report, save it and take the report window's screenshot
-    // once the framework has its bug reporter.
+    step("Bug report (saved, not sent)", [this] { return bugReport(); });
     step("Close every window", [this] { return closeEverything(); });
 
     QZHelperTool::sharedInstance()->terminateHelper();
@@ -442,6 +444,42 @@ QString Tour::aboutBox()
     if (!version.endsWith(QCoreApplication::applicationVersion()))
         return QStringLiteral("the About box shows \"%1\"").arg(version);
     return reason;
+}
+
+// Help > Report a Bug, a report written as a user would, and Save rather than Send: the report
+// goes into the scratch folder as an RTFD package, the way the save dialog would have put it.
+QString Tour::bugReport()
+{
+    m_window->findChild<QAction *>(QStringLiteral("reportBug"))->trigger();
+    QZBugReporter *reporter = bugReporter();
+    QWidget *panel = reporter->bugReportPanel();
+    if (!panel || !waitFor([&] { return panel->isVisible(); }, 5))
+        return QStringLiteral("no bug report window");
+    if (!reporter->fullDescription().startsWith(QStringLiteral("This area is free-format")))
+        return QStringLiteral("the report does not start from the template");
+    reporter->setReportType(QZBugReporter::MinorBug);
+    reporter->setShortDescription(QStringLiteral("The progress dialog cuts long file names short"));
+    reporter->setFullDescription(QStringLiteral(
+            "* 1. What you did\n\nCopied a folder of photos with long names to a USB stick.\n\n"
+            "* 2. What happened?\n\nThe progress dialog showed only the end of each name.\n\n"
+            "* 3. How did this differ from what you expected?\n\nI expected the whole name, or its start.\n"));
+    // The tour keeps to its scratch folder: the logs go along, the machine's profile does not.
+    reporter->setOmitSystemProfile(true);
+    const QString shot = screenshot(panel, "bug-report.png");
+
+    const QString path = m_root + QStringLiteral("/Disk Tool report.rtfd");
+    reporter->savePanelDidEnd(1, path);   // as the save dialog ends with this path
+    const bool saved = waitFor([&] { return !reporter->busy(); });
+    if (!saved)
+        return QStringLiteral("the report was not saved within a minute");
+    QFile text(path + QStringLiteral("/TXT.rtf"));
+    if (!text.open(QIODevice::ReadOnly))
+        return QStringLiteral("no saved report at %1").arg(path);
+    if (!text.readAll().contains("The progress dialog cuts long file names short"))
+        return QStringLiteral("the saved report lacks its summary");
+    if (panel->isVisible())
+        return QStringLiteral("the bug report window stayed open after saving");
+    return shot;
 }
 
 QString Tour::closeEverything()

@@ -2,11 +2,13 @@
 //
 //     disktool                               the window
 //     disktool --tour [--screenshots DIR]    every subsystem once, without a display
+#include "BugReports.h"
 #include "Dialogs.h"
 #include "MainWindow.h"
 #include "Tour.h"
 
 #include <QZApp/QZApplication.h>
+#include <QZApp/QZBugReporter.h>
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -47,6 +49,11 @@ int main(int argc, char **argv)
     QGuiApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("org.example.disktool"),
                                                     QIcon(QStringLiteral(":/icons/org.example.disktool.svg"))));
 
+    // A crash leaves a report that the next "Crasher Bug" report takes along. The handler names
+    // it after the product, so the reporter learns Disk Tool's first.
+    disktool::bugReporter();
+    QZBugReporter::installCrashHandler();
+
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Copies, deletes and repairs files and folders."));
     parser.addHelpOption();
@@ -64,7 +71,10 @@ int main(int argc, char **argv)
         return disktool::runTour(folder);
     }
 
-    // TODO(reporter): redirect the logs for the bug reporter here.
+    // Run normally, Disk Tool's output goes to its log, where bug reports find it ("disktool.log"
+    // in the user's Logs folder). The tour keeps its output on the terminal.
+    if (!disktool::bugReporter()->redirectLogsTo(QStringLiteral("disktool.log")))
+        qWarning("Disk Tool's output stays here: its log file cannot be opened");
     disktool::MainWindow window;
     window.show();
     return app.exec();

@@ -5,6 +5,7 @@
 
 #include "support/ScratchVolumes.h"
 
+#include <QZApp/QZBugReporter.h>
 #include <QZApp/helper/QZHelperTool.h>
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSettings>
+#include <QStatusBar>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
@@ -227,6 +229,28 @@ TEST_F(DiskToolTest, AdministratorActionsGoThroughTheHelper)
     ASSERT_NE(box, nullptr);
     EXPECT_TRUE(box->informativeText().contains(QStringLiteral("No such file or directory")));
     box->close();
+}
+
+// Help > Report a Bug: the framework's reporter, addressed to Disk Tool's support, with the
+// template text; a report that has gone is thanked for in the status bar.
+TEST_F(DiskToolTest, ReportABugOpensTheReporterForDiskToolSupport)
+{
+    QZBugReporter *reporter = QZBugReporter::sharedBugReporter();
+    reporter->setFullDescription(QStringLiteral("left over from an earlier report"));
+    window->findChild<QAction *>(QStringLiteral("reportBug"))->trigger();
+    QWidget *panel = reporter->bugReportPanel();
+    ASSERT_NE(panel, nullptr);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return panel->isVisible(); }, 5000));
+    EXPECT_TRUE(reporter->fullDescription().startsWith(QStringLiteral("This area is free-format")));
+    ASSERT_NE(reporter->delegate(), nullptr);
+    const QVariantMap vendor = reporter->delegate()->vendorInfo();
+    EXPECT_EQ(vendor.value(QStringLiteral("bugReportEmailName")).toString(), QStringLiteral("Disk Tool Support"));
+    EXPECT_EQ(vendor.value(QStringLiteral("bugReportEmailAddress")).toString(), QStringLiteral("support@example.org"));
+    EXPECT_EQ(reporter->productBundle().name, QStringLiteral("Disk Tool"));
+
+    reporter->sendFinishedWithError(std::nullopt);   // as when the mail program has taken it
+    EXPECT_FALSE(panel->isVisible());
+    EXPECT_EQ(window->statusBar()->currentMessage(), QStringLiteral("Thank you for the report."));
 }
 
 } // namespace

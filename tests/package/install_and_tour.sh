@@ -16,6 +16,6 @@ test -f /usr/share/polkit-1/actions/org.example.disktool.helper.policy
 test -f /usr/share/applications/org.example.disktool.desktop
 cd "$work"
 env -u QT_QPA_PLATFORM /usr/bin/disktool --tour --screenshots "$work/screenshots"
-for shot in main-window progress-dialog about; do
+for shot in main-window progress-dialog about bug-report; do
     test -s "$work/screenshots/$shot.png"
 done
