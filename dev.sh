@@ -135,6 +135,19 @@ package() {
     ls -1 "$out"
 }
 
+# Runs every benchmark, then prints one table of the ratios they measured.
+bench() {
+    local summary
+    summary=$(realpath -m build/default/bench-summary.md)
+    : >"$summary"
+    log "benchmarks"
+    QZ_BENCH_SUMMARY=$summary cmake --build build/default --target bench
+    log "summary: ratio = ours / theirs in time per operation (below 1 is faster)"
+    echo "| Case | Ratio |"
+    echo "|---|---:|"
+    cat "$summary"
+}
+
 command=${1:-}
 case "$command" in
     run)   install_packages; build default; run_disktool ;;
@@ -144,7 +157,7 @@ case "$command" in
            xvfb-run -a -s '-screen 0 1280x1024x24' env QT_QPA_PLATFORM=xcb \
                build/default/bin/disktool --tour --screenshots docs/screenshots ;;
     test)  install_packages; run_tests default; run_tests asan; run_tests tsan; run_fuzzers "${QZ_FUZZ_SECONDS:-10}" ;;
-    bench) install_packages; build default; log "benchmarks"; cmake --build build/default --target bench ;;
+    bench) install_packages; build default; bench ;;
     fuzz)  install_packages; run_fuzzers "${2:-60}" ;;
     *)     sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
 esac

@@ -46,6 +46,14 @@ void report(const char *what, const char *ours, const std::vector<double> &mine,
 {
     const double a = median(mine), b = median(other);
     std::printf("%-34s %-16s %8.2f us   %-34s %8.2f us   ratio %.3f\n", what, ours, a, theirs, b, a / b);
+    // With QZ_BENCH_SUMMARY set to a file, the ratio also goes there, for the summary of all
+    // benchmarks.
+    if (const char *summary = std::getenv("QZ_BENCH_SUMMARY"); summary && *summary) {
+        if (FILE *file = std::fopen(summary, "a")) {
+            std::fprintf(file, "| %s: %s vs %s | %.2f |\n", what, ours, theirs, a / b);
+            std::fclose(file);
+        }
+    }
 }
 
 // One waiting thread, reused: each round hands it a fresh future, lets it fall asleep on it,

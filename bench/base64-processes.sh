@@ -44,6 +44,11 @@ summary() {
                 median = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
                 printf "  %s: median %.2f, range %.2f to %.2f\n", label, median, v[1], v[NR] }' "$work/column"
     done
+    if [ -n "${QZ_BENCH_SUMMARY:-}" ]; then   # the ratio's median, for the summary of all benchmarks
+        awk -v what="$3" '{ v[NR] = $1 } END {
+                median = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
+                printf "| %s | %.2f |\n", what, median }' "$work/column" >>"$QZ_BENCH_SUMMARY"
+    fi
 }
 
 compare encode "$qzutil base64 $work/data" "base64 -w 72 $work/data"
@@ -51,6 +56,6 @@ compare decode "$qzutil base64 --decode $work/text" "base64 -d $work/text"
 peak=$(/usr/bin/time -f %M "$qzutil" base64 --decode "$work/text" 2>&1 >/dev/null)
 
 echo "Base64 as whole processes, 64 MiB, $rounds rounds (times in ms, ratio = qzutil / base64):"
-summary "encoding: qzutil base64 FILE against base64 -w 72 FILE" encode
-summary "decoding: qzutil base64 --decode FILE against base64 -d FILE" decode
+summary "encoding: qzutil base64 FILE against base64 -w 72 FILE" encode "qzutil base64 vs base64 -w 72, 64 MiB"
+summary "decoding: qzutil base64 --decode FILE against base64 -d FILE" decode "qzutil base64 --decode vs base64 -d, 64 MiB"
 echo "peak resident memory of qzutil base64 --decode: $peak KiB"

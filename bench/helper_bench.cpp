@@ -6,7 +6,11 @@
 // the table gives round trips per second and the median and 99th percentile latency. The two
 // sides take turns of half a second, so that both meet the same load on a shared machine.
 //
-//   helper_bench [SECONDS]            (default 3 seconds per measurement)
+// With --busy, one process per processor spins for the whole run, so that both sides meet a
+// machine whose processors are all taken. With QZ_BENCH_SUMMARY set to a file, each ratio is
+// also appended to it as a row "| CASE | RATIO |" in time per call (below 1 is faster).
+//
+//   helper_bench [--busy] [SECONDS]   (default 3 seconds per measurement)
 //   helper_bench --echo-server ADDRESS   the D-Bus side's second process (internal)
 #include <QZApp/helper/QZHelperTool.h>
 
@@ -27,6 +31,11 @@
 #include <functional>
 #include <thread>
 #include <vector>
+
+#include <csignal>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -109,7 +118,33 @@ int echoServer(const QString &address)
     return QCoreApplication::exec();
 }
 
-int run(double seconds)
+// Starts one spinning process per processor; they end when this process does.
+std::vector<pid_t> occupyProcessors()
+{
+    std::vector<pid_t> spinners;
+    const unsigned count = std::max(1u, std::thread::hardware_concurrency());
+    for (unsigned i = 0; i < count; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;)
+                asm volatile("" ::: "memory");   // spin, and let no compiler drop the loop
+        }
+        if (child > 0)
+            spinners.push_back(child);
+    }
+    return spinners;
+}
+
+void appendSummary(const QString &row)
+{
+    const QByteArray path = qgetenv("QZ_BENCH_SUMMARY");
+    QFile summary(QFile::decodeName(path));
+    if (!path.isEmpty() && summary.open(QIODevice::Append))
+        summary.write(row.toUtf8() + '\n');
+}
+
+int run(double seconds, bool busy)
 {
     // A private bus, and the echo object in a second process.
     QTemporaryDir dir;
@@ -163,6 +198,9 @@ int run(double seconds)
         return finish(1);
     }
 
+    std::vector<pid_t> spinners;
+    if (busy)
+        spinners = occupyProcessors();
     std::printf("| Calling threads | Helper channel round trips/s | p50 | p99 | D-Bus round trips/s | p50 | p99 | Ratio |\n");
     std::printf("|---|---|---|---|---|---|---|---|\n");
     bool failed = false;
@@ -178,7 +216,16 @@ int run(double seconds)
                     channel.perSecond(), channel.percentile(50), channel.percentile(99), dbus.perSecond(),
                     dbus.percentile(50), dbus.percentile(99), channel.perSecond() / dbus.perSecond());
         std::fflush(stdout);
+        appendSummary(QStringLiteral("| helper channel echo vs D-Bus call, %1 calling thread%2, %3 | %4 |")
+                              .arg(threads)
+                              .arg(threads == 1 ? QString() : QStringLiteral("s"),
+                                   busy ? QStringLiteral("processors busy") : QStringLiteral("idle machine"))
+                              .arg(dbus.perSecond() / channel.perSecond(), 0, 'f', 2));
         failed = failed || channel.failures > 0 || dbus.failures > 0;
+    }
+    for (const pid_t spinner : spinners) {
+        kill(spinner, SIGKILL);
+        waitpid(spinner, nullptr, 0);
     }
     if (failed)
         std::fprintf(stderr, "helper_bench: some round trips failed\n");
@@ -193,8 +240,10 @@ int main(int argc, char **argv)
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.size() == 3 && arguments[1] == QLatin1String("--echo-server"))
         return echoServer(arguments[2]);
-    const double seconds = arguments.size() > 1 ? arguments[1].toDouble() : 3.0;
-    return run(seconds > 0 ? seconds : 3.0);
+    const bool busy = arguments.size() > 1 && arguments[1] == QLatin1String("--busy");
+    const qsizetype secondsAt = busy ? 2 : 1;
+    const double seconds = arguments.size() > secondsAt ? arguments[secondsAt].toDouble() : 3.0;
+    return run(seconds > 0 ? seconds : 3.0, busy);
 }
 
 #include "helper_bench.moc"
