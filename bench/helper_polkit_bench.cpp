@@ -39,6 +39,8 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include "RoundTrips.h"
+
 extern "C" int polkit_bench_server(const char *action_id);
 
 namespace {
@@ -52,35 +54,6 @@ const QByteArray kBusPolicy =
     "  <policy user=\"root\"><allow own=\"org.qzapp.bench\"/></policy>\n"
     "  <policy context=\"default\"><allow send_destination=\"org.qzapp.bench\"/></policy>\n"
     "</busconfig>\n";
-
-struct Samples {
-    std::vector<double> latencies;   // microseconds
-    double seconds = 0;
-    long failures = 0;
-
-    double perSecond() const { return seconds > 0 ? static_cast<double>(latencies.size()) / seconds : 0; }
-    double percentile(size_t percent)
-    {
-        if (latencies.empty())
-            return 0;
-        std::sort(latencies.begin(), latencies.end());
-        return latencies[std::min(latencies.size() - 1, latencies.size() * percent / 100)];
-    }
-};
-
-void measure(double seconds, const std::function<bool()> &call, Samples *samples)
-{
-    const auto start = std::chrono::steady_clock::now();
-    const auto end = start + std::chrono::duration<double>(seconds);
-    for (auto now = start; now < end;) {
-        if (!call())
-            ++samples->failures;
-        const auto after = std::chrono::steady_clock::now();
-        samples->latencies.push_back(std::chrono::duration<double, std::micro>(after - now).count());
-        now = after;
-    }
-    samples->seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 bool readExactly(int fd, void *bytes, size_t length)
 {
@@ -126,7 +99,7 @@ int client(int in, int out, double seconds, const QByteArray &file)
     char kind;
     while (read(in, &kind, 1) == 1) {
         Samples samples;
-        measure(seconds, kind == 1 ? std::function<bool()>([&] { return helperChown(file); })
+        measure(1, seconds, kind == 1 ? std::function<bool()>([&] { return helperChown(file); })
                                    : std::function<bool()>([&] { return dbusChown(bus, file); }), &samples);
         const size_t count = samples.latencies.size();
         if (write(out, &count, sizeof count) != sizeof count || write(out, &samples.seconds, sizeof(double)) != sizeof(double)
@@ -211,7 +184,7 @@ int run(double seconds)
     }
     Samples unchecked, checked, dbus;
     for (int turn = 0; turn < turns; ++turn) {
-        measure(seconds / turns, [&] { return helperChown(file); }, &unchecked);
+        measure(1, seconds / turns, [&] { return helperChown(file); }, &unchecked);
         if (!fromClient(requests[1], answers[0], 1, &checked) || !fromClient(requests[1], answers[0], 2, &dbus)) {
             std::fprintf(stderr, "helper_polkit_bench: the client of user nobody failed\n");
             return finish(1);

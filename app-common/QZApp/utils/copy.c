@@ -508,24 +508,10 @@ static bool copy_entries(const struct copy_context *context, const struct copy_r
             goto out;
         }
     }
-    const int read_error = errno;
-    utils_group_wait(&group);
-    int failure;
-    if (utils_group_failed(&group, &failure)) {
-        errno = failure;
-        goto out;
-    }
-    errno = read_error;
-    if (errno != 0)
-        goto out;
-    ok = true;
+    ok = utils_group_finish(&group, errno);
 out:;
-    if (!ok && context->pool) {   /* after a failure of this thread's own, what was handed over stops */
-        const int own = errno;
-        utils_group_fail(&group, own, true);
-        utils_group_wait(&group);
-        errno = own;
-    }
+    if (!ok)   /* after a failure of this thread's own, what was handed over stops */
+        utils_group_abandon(&group);
     const int saved = errno;
     free(source_path);
     free(destination_path);

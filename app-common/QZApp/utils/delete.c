@@ -209,15 +209,7 @@ static int delete_folder(int parent, const char *name, const char *path, mode_t 
             goto out;
         }
     }
-    const int read_error = errno;
-    utils_group_wait(&group);
-    int failure;
-    if (utils_group_failed(&group, &failure)) {
-        errno = failure;
-        goto out;
-    }
-    errno = read_error;
-    if (errno != 0)
+    if (!utils_group_finish(&group, errno))
         goto out;
     /* What stands at the name now goes only if it is an (empty) folder: a link put there fails. */
     if (unlinkat(parent, name, AT_REMOVEDIR) < 0) {
@@ -226,12 +218,8 @@ static int delete_folder(int parent, const char *name, const char *path, mode_t 
     }
     result = 0;
 out:;
-    if (result < 0 && pool) {   /* after a failure of this thread's own, what was handed over stops */
-        const int failure_here = errno;
-        utils_group_fail(&group, failure_here, true);
-        utils_group_wait(&group);
-        errno = failure_here;
-    }
+    if (result < 0)   /* after a failure of this thread's own, what was handed over stops */
+        utils_group_abandon(&group);
     const int saved = errno;
     free(entry_path);
     closedir(folder);

@@ -104,8 +104,13 @@ void utils_group_wait(struct work_group *group);
 /* Records a failed item (the first failure's errno is kept); `stop` cancels what has not begun. */
 void utils_group_fail(struct work_group *group, int error, bool stop);
 bool utils_group_stopping(struct work_group *group);
-/* Whether an item failed, with the first failure's errno. */
-bool utils_group_failed(struct work_group *group, int *error);
+/* The end of a folder's entries: waits for the items handed over, then gives false with errno
+ * set to the first failure among them, or, when none failed, whether errno (what reading the
+ * folder left, `read_error`) is 0, with errno set to it. */
+bool utils_group_finish(struct work_group *group, int read_error);
+/* After a failure of the caller's own: cancels what has not begun and waits for the rest;
+ * errno is kept. Does nothing without a pool. */
+void utils_group_abandon(struct work_group *group);
 
 /* Deletion by descriptor (delete.c): deletes `name` in `folder`, and everything beneath it,
  * reporting with `path`, as delete_file_object does with a path (the root folder refused

@@ -166,13 +166,29 @@ bool utils_group_stopping(struct work_group *group)
     return stopping;
 }
 
-bool utils_group_failed(struct work_group *group, int *error)
+bool utils_group_finish(struct work_group *group, int read_error)
+{
+    utils_group_wait(group);
+    if (group->pool) {
+        pthread_mutex_lock(&group->pool->lock);
+        const bool failed = group->failed;
+        const int error = group->error;
+        pthread_mutex_unlock(&group->pool->lock);
+        if (failed) {
+            errno = error;
+            return false;
+        }
+    }
+    errno = read_error;
+    return read_error == 0;
+}
+
+void utils_group_abandon(struct work_group *group)
 {
     if (!group->pool)
-        return false;
-    pthread_mutex_lock(&group->pool->lock);
-    const bool failed = group->failed;
-    *error = group->error;
-    pthread_mutex_unlock(&group->pool->lock);
-    return failed;
+        return;
+    const int own = errno;
+    utils_group_fail(group, own, true);
+    utils_group_wait(group);
+    errno = own;
 }
