@@ -26,8 +26,6 @@ namespace qztest {
 
 using namespace Qt::StringLiterals;
 
-// writeFile() and readFile() come from the mail tests' support.
-
 inline QByteArray gunzip(const QString &path)
 {
     QProcess process;
@@ -76,9 +74,7 @@ inline void bindOver(const QString &source, const QString &target)
 inline void standInProgram(const ScratchHome &home, const QString &target, const QByteArray &script)
 {
     const QString path = home.path(u"bin/"_s + target.section(u'/', -1));
-    writeFile(path, "#!/bin/sh\n" + script);
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther
-                                        | QFile::ReadGroup | QFile::ReadOther);
+    writeScript(path, script);
     bindOver(path, target);
 }
 
@@ -90,18 +86,13 @@ public:
     int features() const override { return m_features; }
 
     struct Call {
-        bool constructed;
-        bool onMainThread;
+        bool constructed, onMainThread;
         QVariantMap headers;
         QString text;
         QStringList attachments;
     };
 
-    bool constructMessage(const QTextDocument &message, const QVariantMap &headers, QZError *) override
-    {
-        record(true, message, headers);
-        return true;
-    }
+    bool constructMessage(const QTextDocument &message, const QVariantMap &headers, QZError *) override { return record(true, message, headers); }
     bool deliverMessage(const QTextDocument &message, const QVariantMap &headers, QZError *error) override
     {
         record(false, message, headers);
@@ -113,20 +104,16 @@ public:
     }
 
     void hold() { std::lock_guard lock(m_mutex); m_holding = true; }
-    void release()
-    {
-        std::lock_guard lock(m_mutex);
-        m_holding = false;
-        m_released.notify_all();
-    }
+    void release() { std::lock_guard lock(m_mutex); m_holding = false; m_released.notify_all(); }
     void failWith(const QZError &error) { std::lock_guard lock(m_mutex); m_failure = error; }
     std::vector<Call> calls() const { std::lock_guard lock(m_mutex); return m_calls; }
 
 private:
-    void record(bool constructed, const QTextDocument &message, const QVariantMap &headers)
+    bool record(bool constructed, const QTextDocument &message, const QVariantMap &headers)
     {
         std::lock_guard lock(m_mutex);
         m_calls.push_back({ constructed, QZ::isMainThread(), headers, message.toPlainText(), QZ::mailAttachments(message) });
+        return true;
     }
 
     const int m_features;

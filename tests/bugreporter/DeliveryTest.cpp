@@ -1,13 +1,11 @@
 // The whole path: Send in the window to a message in a real SMTP server's mailbox, Save to an
 // RTFD package that a real RTF reader opens, and qzutil report doing both without a display.
 #include "bugreporter/BugReporterTestSupport.h"
-#include "mail/MailTestSupport.h"
 #include "support/QzutilRunner.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QFileInfo>
 #include <QPushButton>
 #include <QSettings>
 
@@ -20,39 +18,24 @@ class DeliveryTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        runProgram(u"openssl"_s, u"req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
-                                 "subjectAltName=IP:127.0.0.1 -keyout %1/key.pem -out %1/cert.pem"_s.arg(home.d).split(u' '));
+        makeCertificate(home.d);
         r = QZBugReporter::sharedBugReporter();
         r->setProductBundle(diskTool());
         r->setOmitSystemProfile(true);
         for (int i = 0; i < 2; i++) {
-            QByteArray text;
+            m_texts.append(QByteArray());
             for (int line = 0; line < 3000; line++)
-                text += "log " + QByteArray::number(i) + " line " + QByteArray::number(line) + "\n";
+                m_texts.last() += "log " + QByteArray::number(i) + " line " + QByteArray::number(line) + "\n";
             m_logs.append(home.path(u"log%1.txt"_s.arg(i)));
-            m_texts.append(text);
-            writeFile(m_logs.last(), text);
+            writeFile(m_logs.last(), m_texts.last());
         }
     }
 
-    // An SMTP server on 127.0.0.1 with STARTTLS, and settings for it without a login.
+    // An SMTP server without a login, in this program's settings and qzutil's.
     std::unique_ptr<Service> startSmtp()
     {
-        QStringList arguments{ u"" MAIL_TEST_DIR "/smtp_server.py"_s, home.path(u"cert.pem"_s), home.path(u"key.pem"_s),
-                               u"reporter"_s, home.path(u"out"_s) };
-        QDir().mkpath(home.path(u"out"_s));
-        auto server = std::make_unique<Service>(kPython, arguments, "unused\n");
-        EXPECT_FALSE(server->firstLine().isEmpty()) << "the SMTP server did not start";
-        const std::pair<QString, QVariant> values[] = {
-            { u"server"_s, u"127.0.0.1"_s }, { u"port"_s, server->firstLine() }, { u"security"_s, u"starttls"_s },
-            { u"sender"_s, u"app@example.org"_s }, { u"caFile"_s, home.path(u"cert.pem"_s) } };
-        // This program's settings, and qzutil's.
-        for (const QString &application : { QCoreApplication::applicationName(), u"qzutil"_s }) {
-            QSettings settings(QCoreApplication::organizationName(), application);
-            for (const auto &[key, value] : values)
-                settings.setValue(u"QZMail/SMTP/"_s + key, value);
-        }
-        return server;
+        QSettings ours, qzutil(QCoreApplication::organizationName(), u"qzutil"_s);
+        return startSmtpServer(home.d, home.path(u"out"_s), "unused", { &ours, &qzutil }, {}, u"starttls"_s, home.path(u"cert.pem"_s));
     }
 
     QJsonObject receivedMessage()
@@ -92,16 +75,16 @@ TEST_F(DeliveryTest, SendInTheWindowDeliversTheReportToAnSmtpServer)
     r->setLogFiles(m_logs);
     r->setReportType(1);
     r->showWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(r->bugReportPanel()));
-    QTest::keyClicks(r->bugReportPanel()->findChild<QWidget *>(u"shortDescription"_s), u"Copy stops at 99 %"_s);
-    QTest::keyClicks(r->bugReportPanel()->findChild<QWidget *>(u"emailAddress"_s), u"user@example.net"_s);
-    QTest::mouseClick(r->bugReportPanel()->findChild<QPushButton *>(u"send"_s), Qt::LeftButton);
+    QWidget *panel = r->bugReportPanel();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(panel));
+    QTest::keyClicks(panel->findChild<QWidget *>(u"shortDescription"_s), u"Copy stops at 99 %"_s);
+    QTest::keyClicks(panel->findChild<QWidget *>(u"emailAddress"_s), u"user@example.net"_s);
+    QTest::mouseClick(panel->findChild<QPushButton *>(u"send"_s), Qt::LeftButton);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !r->busy(); }, 60000));
     r->setDelegate(nullptr);
     ASSERT_EQ(delegate.notices.size(), 1u);
     EXPECT_FALSE(delegate.notices[0]) << delegate.notices[0]->message().toStdString();
-    EXPECT_FALSE(r->bugReportPanel()->isVisible());
-
+    EXPECT_FALSE(panel->isVisible());
     const QJsonObject message = receivedMessage();
     const QJsonObject headers = message[u"headers"_s].toObject();
     EXPECT_EQ(headers[u"Subject"_s].toString(), u"Bug Report : Disk Tool : 1.0 (42)"_s);
@@ -127,11 +110,9 @@ TEST_F(DeliveryTest, SavedReportIsAnRtfdPackageThatUnrtfReads)
     ASSERT_TRUE(QTest::qWaitFor([&] { return !r->busy(); }, 60000));
     EXPECT_FALSE(r->bugReportPanel()->isVisible());
 
-    EXPECT_TRUE(QFileInfo(package + u"/TXT.rtf"_s).isFile());
     const QStringList entries = QDir(package).entryList({ u"*.gz"_s }, QDir::Files, QDir::Name);
     ASSERT_EQ(entries.size(), 2) << entries.join(u' ').toStdString();
-    EXPECT_EQ(gunzip(package + u'/' + entries[0]), m_texts[0]);
-    EXPECT_EQ(gunzip(package + u'/' + entries[1]), m_texts[1]);
+    EXPECT_EQ(QList<QByteArray>({ gunzip(package + u'/' + entries[0]), gunzip(package + u'/' + entries[1]) }), m_texts);
     const QString text = QString::fromUtf8(runProgram(u"unrtf"_s, { u"--text"_s, package + u"/TXT.rtf"_s }));
     EXPECT_TRUE(text.contains(u"Product\nDisk Tool 1.0 (42)\n\nReport Type\nMajor Bug\n\nFull Description\nIt stops.\n"
                               "Every time {braces} and \\backslashes\\.\n\nAttachments\n"_s))
@@ -142,37 +123,36 @@ TEST_F(DeliveryTest, SavedReportIsAnRtfdPackageThatUnrtfReads)
 TEST_F(DeliveryTest, QzutilReportSavesAndSendsWithoutADisplay)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.remove(u"DISPLAY"_s);
-    environment.remove(u"WAYLAND_DISPLAY"_s);
-    environment.remove(u"QT_QPA_PLATFORM"_s);
+    for (const QString &variable : { u"DISPLAY"_s, u"WAYLAND_DISPLAY"_s, u"QT_QPA_PLATFORM"_s })
+        environment.remove(variable);
+    const QStringList common{ u"report"_s, u"--type"_s, u"1"_s, u"--short"_s, u"From the command line"_s, u"--info"_s, u"ext4"_s,
+                              u"--log"_s, m_logs[0], u"--omit-system-profile"_s };
     const auto qzutil = [&](const QStringList &arguments) {
         QProcess process;
         process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(QZUTIL_PATH), arguments);
+        process.start(QStringLiteral(QZUTIL_PATH), common + arguments);
         process.waitForFinished(120000);
         return ToolResult{ process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
                            process.readAllStandardOutput(), process.readAllStandardError() };
     };
     const QString package = home.path(u"cli.rtfd"_s);
-    const QStringList common{ u"--type"_s, u"1"_s, u"--short"_s, u"From the command line"_s, u"--info"_s, u"ext4"_s,
-                              u"--log"_s, m_logs[0], u"--omit-system-profile"_s };
-    ToolResult saved = qzutil(QStringList{ u"report"_s } + common + QStringList{ u"--save"_s, package });
+    const ToolResult saved = qzutil({ u"--save"_s, package });
     ASSERT_EQ(saved.exitCode, 0) << saved.err.toStdString();
     const QString text = QString::fromUtf8(runProgram(u"unrtf"_s, { u"--text"_s, package + u"/TXT.rtf"_s }));
     EXPECT_TRUE(text.contains(u"Short Description\nFrom the command line\n\nAdditional Information\next4\n"_s)) << text.toStdString();
 
     auto server = startSmtp();
-    ToolResult sent = qzutil(QStringList{ u"report"_s } + common + QStringList{ u"--send"_s, u"--to"_s, u"Desk <desk@example.org>"_s });
+    ToolResult sent = qzutil({ u"--send"_s, u"--to"_s, u"Desk <desk@example.org>"_s });
     ASSERT_EQ(sent.exitCode, 0) << sent.err.toStdString();
     const QJsonObject message = receivedMessage();
     EXPECT_EQ(message[u"headers"_s].toObject()[u"To"_s].toString(), u"Desk <desk@example.org>"_s);
     EXPECT_EQ(contents(message).second, QList<QByteArray>{ m_texts[0] });
 
     QSettings(QCoreApplication::organizationName(), u"qzutil"_s).remove(u"QZMail/SMTP"_s);
-    sent = qzutil(QStringList{ u"report"_s } + common + QStringList{ u"--send"_s, u"--to"_s, u"desk@example.org"_s });
+    sent = qzutil({ u"--send"_s, u"--to"_s, u"desk@example.org"_s });
     EXPECT_EQ(sent.exitCode, 1);
     EXPECT_TRUE(sent.err.endsWith("qzutil: no e-mail client configured\n")) << sent.err.toStdString();
-    EXPECT_EQ(qzutil({ u"report"_s, u"--type"_s, u"1"_s, u"--short"_s, u"x"_s, u"--send"_s }).exitCode, 2);
+    EXPECT_EQ(qzutil({ u"--send"_s }).exitCode, 2);   // no --to
 }
 
 } // namespace

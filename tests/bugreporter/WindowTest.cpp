@@ -154,7 +154,7 @@ TEST_F(WindowTest, WindowRefusesToCloseWhileBusyAndKeepsItsFrame)
     EXPECT_TRUE(QSettings().contains(u"Bug Report Panel"_s));
 }
 
-TEST_F(WindowTest, AbortInsideTheWaitSendsNothingAndShowsNothing)
+TEST_F(WindowTest, AbortInsideTheWaitSendsNothingAndLaterIsIgnored)
 {
     auto client = std::make_shared<RecordingClient>(QZMailClient::ThreadSafe);
     r->setMailClient(client);
@@ -175,24 +175,18 @@ TEST_F(WindowTest, AbortInsideTheWaitSendsNothingAndShowsNothing)
     EXPECT_TRUE(delegate.notices.empty());
     EXPECT_FALSE(QApplication::activeModalWidget());
     EXPECT_TRUE(r->bugReportPanel()->isVisible());
-}
 
-TEST_F(WindowTest, AbortAfterSendingStartedIsIgnored)
-{
-    auto client = std::make_shared<RecordingClient>(QZMailClient::ThreadSafe);
+    // Without the wait, an abort once the client has the report is ignored.
     client->hold();
-    r->setMailClient(client);
     r->setAllowTimeToAbort(false);
-    r->showWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(r->bugReportPanel()));
     click("send");
     ASSERT_TRUE(QTest::qWaitFor([&] { return client->calls().size() == 1; }, 10000));
     EXPECT_TRUE(QTest::qWaitFor([&] { return r->currentStatus() == u"Sending\u2026"_s; }, 5000));
     EXPECT_FALSE(r->canAbort());
-    const quint32 job = r->currentJob();
+    const quint32 sending = r->currentJob();
     click("abort");
     EXPECT_TRUE(r->busy());
-    EXPECT_EQ(r->currentJob(), job);
+    EXPECT_EQ(r->currentJob(), sending);
     client->release();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !r->busy(); }, 10000));
     EXPECT_FALSE(r->bugReportPanel()->isVisible());
@@ -230,9 +224,7 @@ TEST_F(WindowTest, ClientsGetTheMessageOnTheThreadTheyAllowWithTheStatedHeaders)
         EXPECT_EQ(call.headers.value(u"To"_s).toString(), u"Disk Tool Bugs <bugs@example.org>"_s);
         EXPECT_EQ(call.headers.value(u"Subject"_s).toString(), u"Bug Report : Disk Tool : 1.0 (42)"_s);
         EXPECT_EQ(call.headers.contains(u"From"_s), !c.email.isEmpty());
-        if (!c.email.isEmpty()) {
-            EXPECT_EQ(call.headers.value(u"From"_s).toString(), c.email);
-        }
+        EXPECT_EQ(call.headers.value(u"From"_s).toString(), c.email);
         EXPECT_EQ(call.text, u"Product\nDisk Tool 1.0 (42)\n\nReport Type\nFeature Request\n\nShort Description\nCopy stops\n"_s);
         EXPECT_FALSE(r->bugReportPanel()->isVisible());
     }
@@ -328,10 +320,6 @@ TEST_F(WindowTest, WindowTextsAreLocalizedAndTheControlsReachableByKeyboard)
     EXPECT_EQ(QApplication::focusWidget(), control("shortDescription"));
 }
 
-} // namespace
-
-namespace {
-
 // The window as a person sees it, empty and busy. With QZ_SCREENSHOT_DIR set (docs/screenshots
 // is made this way under Xvfb, see its README) the pictures are written there.
 TEST_F(WindowTest, WindowLooksTheSameEmptyAndBusy)
@@ -346,11 +334,8 @@ TEST_F(WindowTest, WindowLooksTheSameEmptyAndBusy)
     const auto shoot = [&](const QString &name) {
         QTest::qWait(300);
         const QPixmap picture = panel->grab();
-        EXPECT_FALSE(picture.isNull());
         EXPECT_GE(picture.width(), panel->minimumWidth());
-        if (!folder.isEmpty()) {
-            EXPECT_TRUE(picture.save(folder + u'/' + name)) << name.toStdString();
-        }
+        EXPECT_TRUE(folder.isEmpty() || picture.save(folder + u'/' + name)) << name.toStdString();
     };
     shoot(u"bug-report-empty.png"_s);
 
@@ -362,7 +347,6 @@ TEST_F(WindowTest, WindowLooksTheSameEmptyAndBusy)
     r->setBusy(true);
     r->setCurrentStatus(u"Generating system profile\u2026"_s);
     shoot(u"bug-report-busy.png"_s);
-    EXPECT_FALSE(panel->findChild<QWidget *>(u"send"_s)->isEnabled());
     r->setBusy(false);
 }
 

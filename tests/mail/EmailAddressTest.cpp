@@ -33,7 +33,7 @@ class AccountsService
 public:
     AccountsService(const QString &dir, const QByteArray &email)
     {
-        writeFile(u"/var/lib/AccountsService/users/root"_s, "[User]\nEmail=" + email + "\n");
+        writeRecord("[User]\nEmail=" + email + "\n");
         writeFile(dir + u"/bus.conf"_s, "<busconfig><type>system</type><listen>unix:path=" + dir.toUtf8() + "/system_bus_socket</listen>"
                   "<auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/>"
                   "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/></policy></busconfig>\n");
@@ -49,6 +49,7 @@ public:
     }
 
     QString address() const { return m_bus->firstLine(); }
+    static void writeRecord(const QByteArray &record) { writeFile(u"/var/lib/AccountsService/users/root"_s, record); }
     void startDaemon()
     {
         m_daemon = std::make_unique<Service>(u"/usr/libexec/accounts-daemon"_s, QStringList(), QByteArray(), m_environment, false, true);
@@ -70,16 +71,10 @@ class EmailAddressTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        d = m_dir.path();
-        home = d + u"/home"_s;
-        static QTemporaryDir config;   // QSettings keeps the first location it finds
-        configHome = config.path();
-        qputenv("XDG_CONFIG_HOME", configHome.toUtf8());
         qputenv("HOME", home.toUtf8());
         qunsetenv("DBUS_SESSION_BUS_ADDRESS");
         qunsetenv("XDG_RUNTIME_DIR");
         qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + d.toUtf8() + "/no-system-bus");
-        QSettings().clear();
     }
 
     // Two profiles: the one an [Install] section names is the default, not the Default=1 one.
@@ -94,7 +89,7 @@ protected:
     }
 
     QTemporaryDir m_dir;
-    QString d, home, configHome;
+    const QString d = m_dir.path(), home = d + u"/home"_s, configHome = scratchSettings();
 };
 
 // Account 3 has no address and is skipped; account 2's first identity answers.
@@ -110,19 +105,18 @@ TEST_F(EmailAddressTest, SavedWebLoginComesFirstAndALockedOneIsSkipped)
 {
     thunderbird(kThunderbirdAccounts);
     KeyringSession keyring(d + u"/keyring-home"_s);
-    ASSERT_FALSE(keyring.address().isEmpty()) << "the Secret Service did not start";
-    keyring.store(u"www.vendor.example"_s, u"http"_s, u"plain-http@vendor.example"_s, "never-read", u"form"_s);
-    keyring.store(u"www.vendor.example"_s, u"https"_s, u"basic-auth@vendor.example"_s, "never-read", u"basic"_s);
-    keyring.store(u"www.vendor.example"_s, u"https"_s, u" Saved.Login@vendor.example"_s, "never-read", u"form"_s);
-    qputenv("DBUS_SESSION_BUS_ADDRESS", keyring.address().toUtf8());
+    ASSERT_TRUE(keyring.use()) << "the Secret Service did not start";
+    for (const auto &[protocol, user, authtype] : { std::tuple{ "http", "plain-http@vendor.example", "form" },
+                                                    { "https", "basic-auth@vendor.example", "basic" },
+                                                    { "https", " Saved.Login@vendor.example", "form" } })
+        keyring.store(u"www.vendor.example"_s, QLatin1String(protocol), QLatin1String(user), "never-read", QLatin1String(authtype));
 
     EXPECT_EQ(lookUp(), kThunderbirdAnswer);   // no host named
     QSettings().setValue(u"QZApp/webLoginHost"_s, u"www.vendor.example"_s);
     EXPECT_EQ(lookUp(), u" Saved.Login@vendor.example from keyring"_s);
     EXPECT_EQ(QZEmailAddressForCurrentUser(), u" Saved.Login@vendor.example"_s);
     QSettings(QSettings::UserScope, QString(), u"qzutil"_s).setValue(u"QZApp/webLoginHost"_s, u"www.vendor.example"_s);
-    const ToolResult whoami = runQzutil({ u"whoami-email"_s });
-    EXPECT_EQ(whoami.out, " Saved.Login@vendor.example\nkeyring\n");
+    EXPECT_EQ(runQzutil({ u"whoami-email"_s }).out, " Saved.Login@vendor.example\nkeyring\n");
 
     keyring.lockLogin();
     EXPECT_EQ(lookUp(), kThunderbirdAnswer);
@@ -189,7 +183,7 @@ TEST_F(EmailAddressTest, UserRecordThroughEitherBranch)
     }
     // A record without an address, then no service on the bus, then no bus.
     accounts.stopDaemon();
-    writeFile(u"/var/lib/AccountsService/users/root"_s, "[User]\nLanguage=C\n");
+    AccountsService::writeRecord("[User]\nLanguage=C\n");
     accounts.startDaemon();
     EXPECT_EQ(lookUp(), u"(null)"_s);
     EXPECT_EQ(console.lines(), QStringList());

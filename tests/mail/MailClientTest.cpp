@@ -10,8 +10,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSettings>
-#include <QTemporaryDir>
 #include <QTextCursor>
 #include <QTextDocument>
 #include <QThread>
@@ -20,19 +18,12 @@
 
 using namespace qztest;
 
-// LeakSanitizer: gio keeps small per-process allocations that it makes inside libsecret's
-// password lookup (the SMTP client's one libsecret call); they are not the client's. Stacks
-// are unwound slowly so that they reach through glib's frames to libsecret.
-extern "C" __attribute__((visibility("default"), used)) const char *__lsan_default_suppressions()
-{
-    return "leak:libsecret-1.so\n";
-}
-extern "C" __attribute__((visibility("default"), used)) const char *__asan_default_options()
-{
-    return "fast_unwind_on_malloc=0";
-}
-// ThreadSanitizer: glib and gio are not instrumented, so the hand-offs between libsecret's
-// caller and gio's worker thread look like races inside them.
+// LeakSanitizer: gio keeps small per-process allocations made inside libsecret's password lookup
+// (the SMTP client's one libsecret call); stacks are unwound slowly to reach libsecret through glib.
+// ThreadSanitizer: glib and gio are not instrumented, so the hand-offs between libsecret's caller
+// and gio's worker thread look like races inside them.
+extern "C" __attribute__((visibility("default"), used)) const char *__lsan_default_suppressions() { return "leak:libsecret-1.so\n"; }
+extern "C" __attribute__((visibility("default"), used)) const char *__asan_default_options() { return "fast_unwind_on_malloc=0"; }
 extern "C" __attribute__((visibility("default"), used)) const char *__tsan_default_suppressions()
 {
     return "called_from_lib:libglib-2.0.so.0\ncalled_from_lib:libgio-2.0.so.0\nrace:libglib-2.0.so.0\nrace:libgio-2.0.so.0\n";
@@ -44,10 +35,7 @@ const QString kSubject = u"Bug Report : Disk Tool : 1.0 (42) \u2013 d\u00e9j\u00
 const QVariantMap kHeaders{ { u"To"_s, u"Bug Desk <bugs@example.org>"_s }, { u"Subject"_s, kSubject },
                             { u"From"_s, u"R\u00e9porter <reporter@example.net>"_s } };
 
-QByteArray decoded(const QJsonValue &value)
-{
-    return QByteArray::fromBase64(value.toString().toLatin1());
-}
+QByteArray decoded(const QJsonValue &value) { return QByteArray::fromBase64(value.toString().toLatin1()); }
 
 // Every message of Qt's handler, any category.
 QStringList s_log;
@@ -63,12 +51,9 @@ class MailClientTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        static QTemporaryDir config;   // QSettings keeps the first location it finds
-        qputenv("XDG_CONFIG_HOME", config.path().toUtf8());
-        QSettings().clear();
+        scratchSettings();
         d = m_dir.path();
-        runProgram(u"openssl"_s, u"req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
-                                 "subjectAltName=IP:127.0.0.1 -keyout %1/key.pem -out %1/cert.pem"_s.arg(d).split(u' '));
+        makeCertificate(d);
         // Two gzip attachments, as the reporter makes them.
         for (const QString &name : { u"system.log"_s, u"crash report.txt"_s }) {
             QByteArray text;
@@ -84,37 +69,23 @@ protected:
         QTextCursor cursor(&m_report);
         QTextCharFormat label;
         label.setFontWeight(QFont::Bold);
-        for (const auto &[title, text] : { std::pair{ u"Product"_s, u"Disk Tool 1.0 (42)"_s },
-                                           { u"Short Description"_s, u"Copy stops at 99 %"_s },
+        for (const auto &[title, text] : { std::pair{ u"Product"_s, u"Disk Tool 1.0 (42)"_s }, { u"Short Description"_s, u"Copy stops at 99 %"_s },
                                            { u"Full Description"_s, u"It stops.\nEvery time, <and> & \u00fcmlauts."_s },
-                                           { u"Additional Information"_s, u"none"_s } }) {
+                                           { u"Additional Information"_s, u"none"_s }, { u"Attachments"_s, QString() } }) {
             cursor.insertText(title, label);
-            cursor.insertText(u'\n' + text + u"\n\n"_s, QTextCharFormat());
+            cursor.insertText(text.isNull() ? u"\n"_s : u'\n' + text + u"\n\n"_s, QTextCharFormat());
         }
-        cursor.insertText(u"Attachments"_s, label);
-        cursor.insertText(u"\n"_s, QTextCharFormat());
         for (const QString &path : m_attachments)
             QZ::insertMailAttachment(cursor, path);
     }
 
-    // SMTP settings, and a fresh server that takes the password "right-password".
-    std::unique_ptr<Service> startSmtp(const QString &outdir, bool closeMidMessage = false,
-                                       const QString &security = u"starttls"_s, bool withCa = true)
+    // A fresh SMTP server that takes the login "reporter" with "right-password", and the settings for it.
+    std::unique_ptr<Service> startSmtp(const QString &outdir, bool closeMidMessage = false, const QString &security = u"starttls"_s,
+                                       bool withCa = true)
     {
-        QDir().mkpath(outdir);
-        QStringList arguments{ u"" MAIL_TEST_DIR "/smtp_server.py"_s, d + u"/cert.pem"_s, d + u"/key.pem"_s, u"reporter"_s, outdir };
-        if (closeMidMessage)
-            arguments << u"close"_s;
-        auto server = std::make_unique<Service>(kPython, arguments, "right-password\n");
-        EXPECT_FALSE(server->firstLine().isEmpty()) << "the SMTP server did not start";
         QSettings settings;
-        settings.clear();
-        const std::pair<QString, QVariant> values[] = {
-            { u"server"_s, u"127.0.0.1"_s }, { u"port"_s, server->firstLine() }, { u"security"_s, security },
-            { u"user"_s, u"reporter"_s }, { u"sender"_s, u"app@example.org"_s }, { u"caFile"_s, withCa ? d + u"/cert.pem"_s : QString() } };
-        for (const auto &[key, value] : values)
-            settings.setValue(u"QZMail/SMTP/"_s + key, value);
-        return server;
+        return startSmtpServer(d, outdir, "right-password", { &settings }, u"reporter"_s, security,
+                               withCa ? d + u"/cert.pem"_s : QString(), closeMidMessage);
     }
 
     QTemporaryDir m_dir;
@@ -127,8 +98,7 @@ protected:
 TEST_F(MailClientTest, SmtpDeliversAReportIntactOverStartTlsWithLogin)
 {
     KeyringSession keyring(d + u"/home"_s);
-    ASSERT_FALSE(keyring.address().isEmpty()) << "the Secret Service did not start";
-    qputenv("DBUS_SESSION_BUS_ADDRESS", keyring.address().toUtf8());
+    ASSERT_TRUE(keyring.use()) << "the Secret Service did not start";
     keyring.store(u"127.0.0.1"_s, u"smtp"_s, u"reporter"_s, "right-password");
     auto server = startSmtp(d + u"/out"_s);
     const std::shared_ptr<QZMailClient> client = QZMailClient::defaultClient();
@@ -136,8 +106,9 @@ TEST_F(MailClientTest, SmtpDeliversAReportIntactOverStartTlsWithLogin)
     EXPECT_EQ(client->features(), QZMailClient::ThreadSafe | QZMailClient::SenderAddress);
     QZError error;
     const QtMessageHandler previous = qInstallMessageHandler(recordMessage);
-    ASSERT_TRUE(client->deliverMessage(m_report, kHeaders, &error)) << error.message().toStdString();
+    const bool delivered = client->deliverMessage(m_report, kHeaders, &error);
     qInstallMessageHandler(previous);
+    ASSERT_TRUE(delivered) << error.message().toStdString();
 
     // Python's MIME parser read what arrived.
     const QJsonObject received = QJsonDocument::fromJson(readFile(d + u"/out/0.json"_s)).object();
@@ -176,28 +147,24 @@ TEST_F(MailClientTest, SmtpDeliversAReportIntactOverStartTlsWithLogin)
 TEST_F(MailClientTest, SmtpFailuresComeBackAsTheClientsError)
 {
     KeyringSession keyring(d + u"/home"_s);
-    ASSERT_FALSE(keyring.address().isEmpty()) << "the Secret Service did not start";
-    qputenv("DBUS_SESSION_BUS_ADDRESS", keyring.address().toUtf8());
-    struct Case {
+    ASSERT_TRUE(keyring.use()) << "the Secret Service did not start";
+    const struct {
         const char *name;
         QByteArray password;   // stored before the attempt (replacing the last one); empty: none yet
-        const char *to;
-        bool closeMidMessage;
-        const char *security;
-        bool withCa;
+        const char *to, *security;
+        bool closeMidMessage, withCa;
         QZMailErrorCode code;
         const char *reasonPart;
-    };
-    const Case cases[] = {
-        { "no password stored", "", "bugs@example.org", false, "starttls", true, QZMailErrorNoPassword, "password" },
-        { "refused login", "wrong-password", "bugs@example.org", false, "starttls", true, QZMailErrorTransfer, "refused the login" },
-        { "refused recipient", "right-password", "nobody@example.org", false, "starttls", true, QZMailErrorTransfer, "550" },
-        { "closed mid-message", "right-password", "bugs@example.org", true, "starttls", true, QZMailErrorTransfer, "could not be sent" },
-        { "untrusted certificate", "right-password", "bugs@example.org", false, "starttls", false, QZMailErrorTransfer, "certificate" },
-        { "login without TLS", "right-password", "bugs@example.org", false, "none", true, QZMailErrorInsecureLogin, "plain connection" },
+    } cases[] = {
+        { "no password stored", "", "bugs@example.org", "starttls", false, true, QZMailErrorNoPassword, "password" },
+        { "refused login", "wrong-password", "bugs@example.org", "starttls", false, true, QZMailErrorTransfer, "refused the login" },
+        { "refused recipient", "right-password", "nobody@example.org", "starttls", false, true, QZMailErrorTransfer, "550" },
+        { "closed mid-message", "right-password", "bugs@example.org", "starttls", true, true, QZMailErrorTransfer, "could not be sent" },
+        { "untrusted certificate", "right-password", "bugs@example.org", "starttls", false, false, QZMailErrorTransfer, "certificate" },
+        { "login without TLS", "right-password", "bugs@example.org", "none", false, true, QZMailErrorInsecureLogin, "plain connection" },
     };
     int n = 0;
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         if (!c.password.isEmpty())
             keyring.store(u"127.0.0.1"_s, u"smtp"_s, u"reporter"_s, c.password);
@@ -250,18 +217,17 @@ TEST_F(MailClientTest, ComposeOpensTheMailProgramThroughXdgEmail)
 {
     // A recording xdg-email and an xdg-mime that knows a mailto: handler, first on PATH.
     const QString bin = d + u"/bin"_s, record = bin + u"/xdg-email.args"_s;
-    writeFile(bin + u"/xdg-email"_s, "#!/bin/sh\nprintf '%s\\0' \"$@\" > \"$0.tmp\" && mv \"$0.tmp\" \"$0.args\"\n");
-    writeFile(bin + u"/xdg-mime"_s, "#!/bin/sh\n[ -e \"$0.none\" ] || echo mail.desktop\n");
-    QFile::setPermissions(bin + u"/xdg-email"_s, QFile::ReadOwner | QFile::ExeOwner);
-    QFile::setPermissions(bin + u"/xdg-mime"_s, QFile::ReadOwner | QFile::ExeOwner);
+    writeScript(bin + u"/xdg-email"_s, "printf '%s\\0' \"$@\" > \"$0.tmp\" && mv \"$0.tmp\" \"$0.args\"\n");
+    writeScript(bin + u"/xdg-mime"_s, "[ -e \"$0.none\" ] || echo mail.desktop\n");
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", bin.toUtf8() + ':' + path);
+    // The arguments of the last xdg-email run, each ended by a NUL.
     const auto recorded = [&] {
         for (QDeadlineTimer deadline(10000); !QFile::exists(record) && !deadline.hasExpired();)
             QThread::msleep(20);
         const QByteArray bytes = readFile(record);
         QFile::remove(record);
-        return bytes;
+        return QString::fromUtf8(bytes).split(QChar());
     };
 
     const std::shared_ptr<QZMailClient> client = QZMailClient::defaultClient();
@@ -271,16 +237,14 @@ TEST_F(MailClientTest, ComposeOpensTheMailProgramThroughXdgEmail)
     EXPECT_FALSE(client->deliverMessage(m_report, kHeaders, &error));
     ASSERT_TRUE(client->constructMessage(m_report, kHeaders, &error)) << error.message().toStdString();
     const QString body = m_report.toPlainText().remove(QChar::ObjectReplacementCharacter);
-    EXPECT_EQ(recorded(), QStringList({ u"--subject"_s, kSubject, u"--body"_s, body, u"--attach"_s, m_attachments[0],
-                                        u"--attach"_s, m_attachments[1], u"bugs@example.org"_s, QString() })
-                                  .join(QChar()).toUtf8());
+    EXPECT_EQ(recorded(), QStringList({ u"--subject"_s, kSubject, u"--body"_s, body, u"--attach"_s, m_attachments[0], u"--attach"_s,
+                                        m_attachments[1], u"bugs@example.org"_s, u""_s }));
     // qzutil mail --compose takes the same way.
     const ToolResult composed = runQzutil({ u"mail"_s, u"--to"_s, u"bugs@example.org"_s, u"--subject"_s, u"Logs"_s, u"--body"_s,
                                             u"See attached."_s, u"--attach"_s, m_attachments[0], u"--compose"_s });
     EXPECT_EQ(composed.exitCode, 0) << composed.err.toStdString();
-    EXPECT_EQ(recorded(), QStringList({ u"--subject"_s, u"Logs"_s, u"--body"_s, u"See attached.\n"_s, u"--attach"_s,
-                                        m_attachments[0], u"bugs@example.org"_s, QString() })
-                                  .join(QChar()).toUtf8());
+    EXPECT_EQ(recorded(), QStringList({ u"--subject"_s, u"Logs"_s, u"--body"_s, u"See attached.\n"_s, u"--attach"_s, m_attachments[0],
+                                        u"bugs@example.org"_s, u""_s }));
 
     // No mailto: handler and no SMTP settings: no client at all.
     writeFile(bin + u"/xdg-mime.none"_s, "");

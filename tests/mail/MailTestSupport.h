@@ -1,5 +1,6 @@
-// Real services for the mail and e-mail address tests: processes that each test starts, reads a
-// first line from, and stops; a Secret Service on a private session bus.
+// Real services for the mail, e-mail address and bug reporter tests: processes that each test
+// starts, reads a first line from, and stops; a Secret Service on a private session bus; the
+// SMTP server with a self-signed certificate.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,6 +9,8 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QSettings>
+#include <QTemporaryDir>
 
 #include <sys/prctl.h>
 
@@ -29,10 +32,28 @@ inline void writeFile(const QString &path, const QByteArray &bytes)
     file.write(bytes);
 }
 
+// A shell script at `path` that everyone may run.
+inline void writeScript(const QString &path, const QByteArray &script)
+{
+    writeFile(path, "#!/bin/sh\n" + script);
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup
+                                        | QFile::ReadOther | QFile::ExeOther);
+}
+
 inline QByteArray readFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// XDG_CONFIG_HOME in a scratch folder, this process's settings there emptied. The folder is made
+// once: QSettings keeps the first location it finds.
+inline QString scratchSettings()
+{
+    static QTemporaryDir config;
+    qputenv("XDG_CONFIG_HOME", config.path().toUtf8());
+    QSettings().clear();
+    return config.path();
 }
 
 // Runs a program to its end (at most a minute) and returns its output; failing is a test failure.
@@ -96,8 +117,41 @@ private:
     QString m_firstLine;
 };
 
+// A self-signed certificate for 127.0.0.1: `dir`/cert.pem and `dir`/key.pem.
+inline void makeCertificate(const QString &dir)
+{
+    runProgram(u"openssl"_s, u"req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
+                             "subjectAltName=IP:127.0.0.1 -keyout %1/key.pem -out %1/cert.pem"_s.arg(dir).split(u' '));
+}
+
+// The SMTP server with `certDir`'s certificate, taking user "reporter" with `password` and
+// recording into `outdir`, and SMTP client settings for it in each of `settings` (a login as
+// `user` when that is not empty; `caFile` empty: the system's trust only).
+inline std::unique_ptr<Service> startSmtpServer(const QString &certDir, const QString &outdir, const QByteArray &password,
+                                                std::initializer_list<QSettings *> settings, const QString &user = {},
+                                                const QString &security = u"starttls"_s, const QString &caFile = {},
+                                                bool closeMidMessage = false)
+{
+    QDir().mkpath(outdir);
+    QStringList arguments{ u"" MAIL_TEST_DIR "/smtp_server.py"_s, certDir + u"/cert.pem"_s, certDir + u"/key.pem"_s, u"reporter"_s, outdir };
+    if (closeMidMessage)
+        arguments << u"close"_s;
+    auto server = std::make_unique<Service>(kPython, arguments, password + '\n');
+    EXPECT_FALSE(server->firstLine().isEmpty()) << "the SMTP server did not start";
+    for (QSettings *s : settings) {
+        s->remove(u"QZMail/SMTP"_s);
+        const std::pair<const char *, QString> values[] = { { "server", u"127.0.0.1"_s }, { "port", server->firstLine() },
+                                                            { "security", security }, { "sender", u"app@example.org"_s },
+                                                            { "caFile", caFile }, { "user", user } };
+        for (const auto &[key, value] : values)
+            if (!value.isNull())
+                s->setValue(u"QZMail/SMTP/"_s + QLatin1String(key), value);
+    }
+    return server;
+}
+
 // gnome-keyring-daemon's Secret Service, its login keyring unlocked, inside dbus-run-session
-// with HOME at `home`. address() is empty when it did not start: tests assert on it.
+// with HOME at `home`. use() puts its bus in this process's environment; false: it did not start.
 class KeyringSession
 {
 public:
@@ -110,10 +164,14 @@ public:
         QFile::setPermissions(home + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         m_service = std::make_unique<Service>(u"dbus-run-session"_s, QStringList{ u"--"_s, u"sh"_s, u"" MAIL_TEST_DIR "/keyring_session.sh"_s },
                                               QByteArray(), m_environment);
-        m_environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, address());
+        m_environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, m_service->firstLine());
     }
 
-    QString address() const { return m_service->firstLine(); }
+    [[nodiscard]] bool use() const
+    {
+        qputenv("DBUS_SESSION_BUS_ADDRESS", m_service->firstLine().toUtf8());
+        return !m_service->firstLine().isEmpty();
+    }
 
     // A network-password item in the login collection; the secret goes in on standard input.
     void store(const QString &server, const QString &protocol, const QString &user, const QByteArray &secret,
