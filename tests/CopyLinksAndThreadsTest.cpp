@@ -2,8 +2,6 @@
 // links), and copies and deletions spread over several threads.
 #include "support/ScratchVolumes.h"
 
-#include "../app-common/QZApp/utils/utils_private.h"
-
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -20,28 +18,13 @@ using namespace qztest;
 
 namespace {
 
-constexpr uid_t nobody = 65534;
-
-class CopyMore : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        if (!canMount())
-            GTEST_SKIP() << "needs the superuser and a mount namespace";
-        ASSERT_TRUE(volume.ok());
-        utils_volume_capabilities_reset();
-    }
-
-    ScratchVolume volume { ScratchVolume::Ext4 };
-};
+using CopyMore = VolumeTest;
 
 // Free bytes of the volume at `path`, once what was written has reached it.
 long long freeBytes(const std::string &path)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    syncfs(fd);
-    close(fd);
+    syncfs(fd), close(fd);
     struct statvfs volume {};
     statvfs(path.c_str(), &volume);
     return static_cast<long long>(volume.f_bfree * volume.f_frsize);
@@ -66,7 +49,7 @@ TEST_F(CopyMore, VolumesThatShareExtentsCloneAndOthersGetACopy)
     }
 }
 
-// The inode numbers of `names` below `root`, and of everything there with one name.
+// The inode numbers of `names` below `root`.
 std::set<ino_t> inodes(const std::string &root, const std::vector<std::string> &names)
 {
     std::set<ino_t> found;
@@ -89,8 +72,7 @@ TEST_F(CopyMore, HardLinksStayLinkedOnRequestAndAFailedFirstCopyLeavesTheOthersO
     for (const uint32_t threads : { 0u, 2u }) {
         const std::string copy = volume / ("copy" + std::to_string(threads));
         const uint32_t parallel = threads ? COPY_FILE_PARALLEL : 0;
-        ASSERT_EQ(runCopy(source, copy, COPY_FILE_RECURSIVE | COPY_FILE_HARD_LINKS | parallel, 0, threads),
-                  (Outcome { 0, "" }));
+        ASSERT_EQ(runCopy(source, copy, COPY_FILE_RECURSIVE | COPY_FILE_HARD_LINKS | parallel, 0, threads), (Outcome { 0, "" }));
         EXPECT_EQ(listing(copy), listing(source));
         EXPECT_EQ(inodes(copy, linked).size(), 1u) << threads;
         EXPECT_EQ(statusOf(copy + "/a").st_nlink, 4u);
@@ -101,8 +83,7 @@ TEST_F(CopyMore, HardLinksStayLinkedOnRequestAndAFailedFirstCopyLeavesTheOthersO
     ASSERT_EQ(runCopy(source, volume / "plain", COPY_FILE_RECURSIVE).status, 0);
     EXPECT_EQ(inodes(volume / "plain", linked).size(), 4u);   // not asked for: every name a file
 
-    // The first name met of a set fails (a folder of someone else's is in its way): the others
-    // are copied, each on its own.
+    // The first name met of a set fails (a folder of someone else's is in its way): the others are copied, each on its own.
     const std::string work = volume / "work", set = volume / "set";
     makeFolder(work, 0755);
     ASSERT_EQ(chown(work.c_str(), nobody, nobody), 0);
@@ -111,8 +92,7 @@ TEST_F(CopyMore, HardLinksStayLinkedOnRequestAndAFailedFirstCopyLeavesTheOthersO
     const std::string first = std::filesystem::directory_iterator(set)->path().filename();   // the folder's own order
     makeTree(work + "/copy", { { first + "/blocker", "root's" } });
     ASSERT_EQ(chown((work + "/copy").c_str(), nobody, nobody), 0);
-    const Outcome outcome = runCopy(set, work + "/copy", COPY_FILE_RECURSIVE | COPY_FILE_HARD_LINKS | COPY_FILE_KEEP_GOING,
-                                    nobody);
+    const Outcome outcome = runCopy(set, work + "/copy", COPY_FILE_RECURSIVE | COPY_FILE_HARD_LINKS | COPY_FILE_KEEP_GOING, nobody);
     EXPECT_EQ(outcome.status, 0) << outcome.output;
     EXPECT_NE(outcome.output.find(work + "/copy/" + first + "/blocker: Permission denied (at utils:195)"), std::string::npos)
             << outcome.output;
@@ -131,8 +111,7 @@ void makeWideTree(const std::string &root)
         const std::string dir = root + "/d" + std::to_string(folder) + (folder % 4 ? "" : "/nested");
         makeFolder(dir, 0755);
         for (int file = 0; file < 15; file++)
-            writeFile(dir + "/f" + std::to_string(file),
-                      std::string(static_cast<size_t>(100 + file * 300), static_cast<char>('a' + file)),
+            writeFile(dir + "/f" + std::to_string(file), std::string(static_cast<size_t>(100 + file * 300), static_cast<char>('a' + file)),
                       file % 2 ? 0644 : 0664);
     }
 }
@@ -164,10 +143,8 @@ TEST_F(CopyMore, ThreadsCopyTheSameTreeCallTheFilterOneAtATimeAndReportAsOneThre
         const int now = ++seen->inside;
         seen->most = std::max(seen->most.load(), now);
         seen->count++;
-        {
-            const std::lock_guard<std::mutex> hold(seen->lock);
+        if (const std::lock_guard<std::mutex> hold(seen->lock); true)
             seen->paths.insert(path);
-        }
         usleep(100);   // long enough for another thread to come in if it could
         --seen->inside;
         return std::strstr(path, "/d5") == nullptr;   // one folder skipped
@@ -175,15 +152,16 @@ TEST_F(CopyMore, ThreadsCopyTheSameTreeCallTheFilterOneAtATimeAndReportAsOneThre
     errno = 0;
     ASSERT_TRUE(copy_file(source.c_str(), (volume / "threads").c_str(), &options));
     EXPECT_EQ(calls.most.load(), 1);
-    EXPECT_EQ(calls.count.load(), 1 + 12 + 3 + 11 * 15);   // the top, the folders, the nested ones, the files outside d5
+    // The top, the folders, the nested ones, the files outside d5: each once.
+    EXPECT_EQ(calls.count.load(), 1 + 12 + 3 + 11 * 15);
     EXPECT_EQ(calls.paths.size(), static_cast<size_t>(calls.count.load()));
     std::filesystem::remove_all(volume / "alone/d5");
     EXPECT_EQ(listing(volume / "threads"), listing(volume / "alone"));
     EXPECT_EQ(modeOf(volume / "threads/d1/f2"), modeOf(volume / "alone/d1/f2"));
     EXPECT_EQ(statusOf(volume / "threads/d3").st_mtim.tv_sec, statusOf(source + "/d3").st_mtim.tv_sec);
 
-    // As an ordinary user, one unreadable file: the same lines as on one thread, errno on the
-    // caller's thread, and nothing left of the copy. With keep-going, the rest is copied.
+    // As an ordinary user, one unreadable file: the same lines as on one thread, errno on the caller's
+    // thread, and nothing left of the copy. With keep-going, the rest is copied.
     const std::string work = volume / "work";
     makeFolder(work, 0777);
     ASSERT_EQ(chmod((source + "/d6/f3").c_str(), 0600) | chmod(source.c_str(), 0755), 0);
@@ -194,10 +172,8 @@ TEST_F(CopyMore, ThreadsCopyTheSameTreeCallTheFilterOneAtATimeAndReportAsOneThre
         EXPECT_FALSE(exists(work + "/strict"));
     }
     ASSERT_EQ(chmod((source + "/d9/f1").c_str(), 0600) | chmod((source + "/d0/nested/f1").c_str(), 0600), 0);
-    const Outcome going = runCopy(source, work + "/going", COPY_FILE_RECURSIVE | COPY_FILE_PARALLEL | COPY_FILE_KEEP_GOING,
-                                  nobody, 3);
-    EXPECT_EQ(going.status, 0);
-    EXPECT_EQ(going.output, "utils:453: error (13)\nutils:453: error (13)\nutils:453: error (13)\n");
+    EXPECT_EQ(runCopy(source, work + "/going", COPY_FILE_RECURSIVE | COPY_FILE_PARALLEL | COPY_FILE_KEEP_GOING, nobody, 3),
+              (Outcome { 0, "utils:453: error (13)\nutils:453: error (13)\nutils:453: error (13)\n" }));
     EXPECT_EQ(statusOf(work + "/going/d11/f14").st_size, statusOf(source + "/d11/f14").st_size);
     EXPECT_FALSE(exists(work + "/going/d9/f1"));
 }
@@ -209,8 +185,8 @@ TEST_F(CopyMore, ThreadsDeleteATreeAndReportEachFailingEntryWhole)
     ASSERT_EQ(runDelete(tree, 0, 4), (Outcome { 0, "" }));
     EXPECT_FALSE(exists(tree));
 
-    // Folders an ordinary user may not empty, in several places: each failing entry's lines in
-    // their order, whole, and the deletion fails with the system's error.
+    // Folders an ordinary user may not empty, in several places: each failing entry's lines in their
+    // order, whole, and the deletion fails with the system's error.
     makeWideTree(tree);
     ASSERT_EQ(chmod(tree.c_str(), 0777), 0);
     for (int folder = 0; folder < 12; folder++)

@@ -5,8 +5,6 @@
 // chrooted into a scratch tmpfs. After every case the victim trees are as they were.
 #include "support/ScratchVolumes.h"
 
-#include "../app-common/QZApp/utils/utils_private.h"
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -16,7 +14,6 @@
 #include <random>
 #include <sstream>
 
-#include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -83,21 +80,6 @@ void chownTree(const std::string &root, uid_t user)
 bool dropToAttacker()
 {
     return setgroups(0, nullptr) == 0 && setgid(attackerId) == 0 && setuid(attackerId) == 0;
-}
-
-// Runs `work` once as the attacker and waits for it; true when it ran to its end.
-bool runAsAttacker(const std::function<void()> &work)
-{
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (!dropToAttacker())
-            _exit(126);
-        work();
-        _exit(0);
-    }
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // An unprivileged process that repeats `attack` (given the round the superuser is in and a
@@ -171,15 +153,14 @@ std::string randomFolder(std::minstd_rand &random)
 
 // An ext4 volume with a root-owned victim tree, a root-only secret tree, and the attacker's
 // home, where the attacker does its work.
-class Attack : public testing::Test
+class Attack : public VolumeTest
 {
 protected:
     void SetUp() override
     {
-        if (!canMount())
-            GTEST_SKIP() << "needs the superuser and a mount namespace";
-        ASSERT_TRUE(volume.ok());
-        utils_volume_capabilities_reset();
+        VolumeTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
         makeTree(victim, shape("victim"));
         makeTree(secret, shape("secret"));
         ASSERT_EQ(chmod(secret.c_str(), 0700), 0);
@@ -200,13 +181,21 @@ protected:
         }
     }
 
-    // Makes a tree for the attacker where it cannot reach it, then moves it to `at` whole.
-    static void makeAttackersTree(const std::string &where, const std::map<std::string, std::string> &entries,
-                                  const std::string &at)
+    // Makes the attacker's tree `name` in staging, where the attacker cannot reach it, then moves it whole into home.
+    void makeAttackersTree(const std::string &name, const std::map<std::string, std::string> &entries)
     {
-        makeTree(where, entries);
-        chownTree(where, attackerId);
-        ASSERT_EQ(rename(where.c_str(), at.c_str()), 0);
+        makeTree(staging + name, entries);
+        chownTree(staging + name, attackerId);
+        ASSERT_EQ(rename((staging + name).c_str(), (home + name).c_str()), 0);
+    }
+
+    // The attack on trees home/<prefix><round>: a folder at random becomes a link to the victim's.
+    Attacker::Attack swapFolders(const std::string &prefix) const
+    {
+        return [this, prefix](unsigned round, std::minstd_rand &random) {
+            const std::string folder = randomFolder(random);
+            swapForLink(home + prefix + std::to_string(round) + folder, victim + folder, home + "/moved" + std::to_string(random()));
+        };
     }
 
     // Repeats `round` as the superuser for the attack time (at most maxRounds times).
@@ -222,8 +211,7 @@ protected:
     }
 
     ScratchVolume volume { ScratchVolume::Ext4 };
-    const std::string victim = volume / "victim", secret = volume / "secret", home = volume / "home",
-                      staging = volume / "staging";
+    const std::string victim = volume / "victim", secret = volume / "secret", home = volume / "home", staging = volume / "staging";
     std::string victimBefore, secretBefore;
 };
 
@@ -235,30 +223,24 @@ uint32_t onThreads(unsigned round)
 
 TEST_F(Attack, RecursiveCopiesIntoAndOutOfAFolderWhoseFoldersAreSwappedForLinks)
 {
-    // Into the attacker's folders, which the copy merges into: they become links to the
-    // victim's. Each is made where the attacker cannot reach and moved into its folder whole.
+    // Into the attacker's folders, which the copy merges into: they become links to the victim's.
     const std::string source = home + "/source";
-    makeTree(source, shape("attacker"));
-    chownTree(source, attackerId);
+    makeAttackersTree("/source", shape("attacker"));
     {
-        Attacker attacker([&](unsigned round, std::minstd_rand &random) {
-            const std::string folder = randomFolder(random);
-            swapForLink(home + "/copy" + std::to_string(round) + folder, victim + folder,
-                        home + "/moved" + std::to_string(random()));
-        });
+        Attacker attacker(swapFolders("/copy"));
         ASSERT_TRUE(attacker.ok());
         const unsigned rounds = repeat(attacker, [&](unsigned round) {
-            const std::string name = "/copy" + std::to_string(round), copy = home + name;
-            makeAttackersTree(staging + name, shape(), copy);
-            runCopy(source, copy, COPY_FILE_RECURSIVE | onThreads(round), 0, 2);
-            runDelete(copy, 0, round % 2 * 2);
+            const std::string name = "/copy" + std::to_string(round);
+            makeAttackersTree(name, shape());
+            runCopy(source, home + name, COPY_FILE_RECURSIVE | onThreads(round), 0, 2);
+            runDelete(home + name, 0, round % 2 * 2);
         });
         std::printf("%u copies into the attacker's folder, %lu swaps\n", rounds, attacker.attacks());
     }
     expectUntouched();
 
-    // Out of it: the source's folders become links to the secret tree for a moment, then are
-    // put back, so that most copies go deep.
+    // Out of it: the source's folders become links to the secret tree for a moment, then are put
+    // back, so that most copies go deep.
     const std::string copies = volume / "copies";
     makeFolder(copies, 0755);
     {
@@ -285,12 +267,12 @@ TEST_F(Attack, RecursiveCopiesIntoAndOutOfAFolderWhoseFoldersAreSwappedForLinks)
 
 TEST_F(Attack, AFolderSwappedWhileTheFilterRunsLeadsTheCopyNowhereElse)
 {
-    // Once the copy is inside d1, the attacker swaps d1 of both trees for links: to the victim's d1 on the destination's side, to the secret's on
-    // the source's. The copy goes on in the two folders it holds, wherever they are now.
+    // Once the copy is inside d1, the attacker swaps d1 of both trees for links: to the victim's d1
+    // on the destination's side, to the secret's on the source's. The copy goes on in the two
+    // folders it holds, wherever they are now.
     const std::string source = home + "/source", copy = home + "/copy";
-    makeTree(source, shape("attacker"));
-    chownTree(source, attackerId);
-    makeAttackersTree(staging + "/copy", shape(), copy);   // merged into: the attacker's folders
+    makeAttackersTree("/source", shape("attacker"));
+    makeAttackersTree("/copy", shape());   // merged into: the attacker's folders
     struct Swap {
         std::string at, source, copy, victim, secret, home;
         bool done = false, ok = false;
@@ -300,11 +282,10 @@ TEST_F(Attack, AFolderSwappedWhileTheFilterRunsLeadsTheCopyNowhereElse)
         auto *wanted = static_cast<Swap *>(context);
         if (!wanted->done && wanted->at == path) {
             wanted->done = true;
-            wanted->ok = runAsAttacker([wanted] {
-                if (!swapForLink(wanted->copy, wanted->victim, wanted->home + "/copy-d1")
-                    || !swapForLink(wanted->source, wanted->secret, wanted->home + "/source-d1"))
-                    _exit(1);
-            });
+            wanted->ok = runAs(attackerId, [wanted] {
+                return swapForLink(wanted->copy, wanted->victim, wanted->home + "/copy-d1")
+                        && swapForLink(wanted->source, wanted->secret, wanted->home + "/source-d1");
+            }) == Outcome { 0, "" };
         }
         return true;
     };
@@ -319,18 +300,12 @@ TEST_F(Attack, AFolderSwappedWhileTheFilterRunsLeadsTheCopyNowhereElse)
 
 TEST_F(Attack, DeletesOfATreeWhoseFoldersAreSwappedForLinks)
 {
-    // Each tree is made where the attacker cannot reach and moved into its folder whole.
-    Attacker attacker([&](unsigned round, std::minstd_rand &random) {
-        const std::string folder = randomFolder(random);
-        swapForLink(home + "/tree" + std::to_string(round) + folder, victim + folder,
-                    home + "/moved" + std::to_string(random()));
-    });
+    Attacker attacker(swapFolders("/tree"));
     ASSERT_TRUE(attacker.ok());
     const std::map<std::string, std::string> tree = shape("attacker");
     const unsigned rounds = repeat(attacker, [&](unsigned round) {
-        const std::string name = "/tree" + std::to_string(round);
-        makeAttackersTree(staging + name, tree, home + name);
-        runDelete(home + name, 0, round % 2 * 2);
+        makeAttackersTree("/tree" + std::to_string(round), tree);
+        runDelete(home + "/tree" + std::to_string(round), 0, round % 2 * 2);
     });
     std::printf("%u deletes, %lu swaps\n", rounds, attacker.attacks());
     expectUntouched();
@@ -343,8 +318,7 @@ TEST_F(Attack, ADeleteDoesNotEnterAFileSystemMountedInsideItsTree)
     makeTree(tree, { { "inner/mount/", "" } });
     ASSERT_EQ(::mount(victim.c_str(), mount.c_str(), nullptr, MS_BIND, nullptr), 0);
     const std::string error = ": Invalid cross-device link (at utils:";
-    EXPECT_EQ(runDelete(tree), (Outcome { EXDEV, mount + error + "158)\n" + mount + error + "189)\n" + tree + "/inner"
-                                                         + error + "189)\n" }));
+    EXPECT_EQ(runDelete(tree), (Outcome { EXDEV, mount + error + "158)\n" + mount + error + "189)\n" + tree + "/inner" + error + "189)\n" }));
     umount2(mount.c_str(), MNT_DETACH);
     expectUntouched();
     EXPECT_EQ(listing(tree), "inner/ inner/mount/");
@@ -361,8 +335,8 @@ void copyInto(const std::string &root, const std::string &file)
 
 TEST_F(Attack, TheRootFolderIsRefusedHoweverSpelled)
 {
-    // Only ever inside a scratch tmpfs that the child has made its root, holding qzutil, its
-    // command module, the libraries they load and canary files: a fault here cannot reach the machine's own root.
+    // Only ever inside a scratch tmpfs that the child has made its root, holding qzutil, its command
+    // module, the libraries they load and canary files: a fault cannot reach the machine's own root.
     ScratchVolume scratch(ScratchVolume::Tmpfs, 1ull << 30);
     ASSERT_TRUE(scratch.ok());
     const std::string marker = "/qz-scratch-root";
@@ -380,43 +354,26 @@ TEST_F(Attack, TheRootFolderIsRefusedHoweverSpelled)
     makeTree(scratch.path(), { { marker.substr(1), "" }, { "canary", "1" }, { "tmp/canary", "2" }, { "home/x/canary", "3" } });
     const std::string before = listing(scratch.path());
 
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        dup2(ends[1], STDERR_FILENO);
+    const auto [status, output] = runChild([&] {
         if (unshare(CLONE_NEWNS) < 0 || chroot(scratch.path().c_str()) < 0 || chdir("/") < 0
             || access(marker.c_str(), F_OK) < 0)
             _exit(99);   // not inside the scratch root: nothing is tried
-        std::string output;
+        std::string results;
         for (const char *root : { "/", "//", "/tmp/..", "." }) {
             errno = 0;
             const int result = delete_file_object(root);
-            output += std::to_string(result) + " " + std::strerror(errno) + "\n";
+            results += std::to_string(result) + " " + std::strerror(errno) + "\n";
         }
-        std::fputs(output.c_str(), stdout);
+        std::fputs(results.c_str(), stdout);
         std::fflush(stdout);
         execl(qzutil.c_str(), "qzutil", "delete", "/tmp/..", nullptr);
         _exit(98);
-    }
-    close(ends[1]);
-    std::string output;
-    char buffer[4096];
-    for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;)
-        output.append(buffer, static_cast<size_t>(got));
-    close(ends[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1) << output;
+    });
+    EXPECT_EQ(status, 1) << output;
     const std::string refused = "/: Operation not permitted (at utils:145)\n", failed = "-1 Operation not permitted\n";
     EXPECT_EQ(output.substr(0, output.find("qzutil:")),
               refused + refused + refused + refused + failed + failed + failed + failed + refused);
-    EXPECT_NE(output.find("qzutil: cannot delete /tmp/..: it is the root folder, which is never deleted\n"),
-              std::string::npos)
-            << output;
+    EXPECT_NE(output.find("qzutil: cannot delete /tmp/..: it is the root folder, which is never deleted\n"), std::string::npos) << output;
     EXPECT_EQ(listing(scratch.path()), before);
 }
 

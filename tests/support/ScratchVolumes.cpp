@@ -2,6 +2,7 @@
 #include "ScratchVolumes.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/magic.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -22,10 +24,8 @@
 #include <unistd.h>
 
 namespace qztest {
-namespace {
 
-// Runs `child` in a forked process, its output streams captured and its exit status the outcome's.
-Outcome forkAndWait(const std::function<void()> &child)
+Outcome runChild(const std::function<void()> &child)
 {
     Outcome outcome;
     int ends[2];
@@ -50,7 +50,6 @@ Outcome forkAndWait(const std::function<void()> &child)
     return outcome;
 }
 
-// Runs `operation` as `user` (the superuser: in this process); the status is its errno on failure.
 Outcome runAs(uid_t user, const std::function<bool()> &operation)
 {
     const auto status = [&] {
@@ -63,7 +62,7 @@ Outcome runAs(uid_t user, const std::function<bool()> &operation)
         outcome.output = testing::internal::GetCapturedStderr();
         return outcome;
     }
-    return forkAndWait([&] {
+    return runChild([&] {
         if (setgroups(0, nullptr) < 0 || setgid(user) < 0 || setuid(user) < 0)
             _exit(126);
         const int result = status();
@@ -72,11 +71,9 @@ Outcome runAs(uid_t user, const std::function<bool()> &operation)
     });
 }
 
-} // namespace
-
 Outcome runProgram(const std::vector<std::string> &argv)
 {
-    return forkAndWait([&] {
+    return runChild([&] {
         std::vector<char *> words;
         for (const std::string &word : argv)
             words.push_back(const_cast<char *>(word.c_str()));
@@ -96,6 +93,15 @@ Outcome runDelete(const std::string &path, uid_t user, unsigned threads)
     return runAs(user, [&] {
         return (threads ? delete_file_object_parallel(path.c_str(), threads) : delete_file_object(path.c_str())) == 0;
     });
+}
+
+void enterPrivateMountNamespace()
+{
+    if (geteuid() == 0
+        && (unshare(CLONE_NEWNS) < 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0)) {
+        std::perror("private mount namespace");
+        setenv("QZ_TEST_NO_MOUNTS", "1", 1);
+    }
 }
 
 ScratchVolume::ScratchVolume(Kind kind, unsigned long long bytes)

@@ -5,9 +5,12 @@
 
 #include <QZApp/utils.h>
 
+#include "../../app-common/QZApp/utils/utils_private.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,6 +29,12 @@ struct Outcome {
 };
 inline void PrintTo(const Outcome &outcome, std::ostream *out) { *out << outcome.status << " \"" << outcome.output << '"'; }
 
+constexpr uid_t nobody = 65534;   // the ordinary user of the tests
+
+// Runs `child` in a forked process, its output streams captured and its exit status the outcome's.
+Outcome runChild(const std::function<void()> &child);
+// Runs `operation` as `user` (the superuser: in this process); the status is its errno on failure.
+Outcome runAs(uid_t user, const std::function<bool()> &operation);
 // Runs a program (found along PATH) and waits for it.
 Outcome runProgram(const std::vector<std::string> &argv);
 // copy_file and delete_file_object as the superuser or, in a forked child, as `user` (and group);
@@ -35,6 +44,8 @@ Outcome runCopy(const std::string &source, const std::string &destination, uint3
 Outcome runDelete(const std::string &path, uid_t user = 0, unsigned threads = 0);
 // True when the tests run as the superuser in a private mount namespace.
 inline bool canMount() { return geteuid() == 0 && std::getenv("QZ_TEST_NO_MOUNTS") == nullptr; }
+// Gives the superuser's test process a mount namespace of its own (the mains call it first).
+void enterPrivateMountNamespace();
 
 // A mounted volume: ext4 (the temporary folder itself when it is ext4, an image of 256 MiB on a
 // loop device otherwise), or a tmpfs or a FAT image (through FUSE) of `bytes`, or a btrfs or XFS
@@ -72,5 +83,21 @@ inline mode_t modeOf(const std::string &path) { return statusOf(path).st_mode; }
 inline bool exists(const std::string &path) { return modeOf(path) != 0; }
 bool isImmutable(const std::string &path);
 void setImmutable(const std::string &path);
+
+// An ext4 scratch volume for each test, the capability cache emptied first (unmounted volumes
+// leave their device numbers to new ones).
+class VolumeTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!canMount())
+            GTEST_SKIP() << "needs the superuser and a mount namespace";
+        ASSERT_TRUE(volume.ok());
+        utils_volume_capabilities_reset();
+    }
+
+    ScratchVolume volume { ScratchVolume::Ext4 };
+};
 
 } // namespace qztest
