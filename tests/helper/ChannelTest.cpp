@@ -6,7 +6,6 @@
 #include <QZApp/QZConsoleLog.h>
 #include <QZApp/QZMainThread.h>
 
-#include <cstring>
 #include <future>
 
 #include <fcntl.h>
@@ -103,17 +102,11 @@ TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
                     "read\nsend\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 " FAKE_HELPER_PATH " \\n\n"
                     "read\nsendfd 1 " FAKE_HELPER_PATH " \\n\nread\nread\nsend 3 REPLY 0 0\\n");
     const int before = qztest::openDescriptorCount();
-    const auto isHelperProgram = [](int fd) {
-        char magic[4] = {};
-        const bool matches = pread(fd, magic, sizeof magic, 0) == 4 && std::memcmp(magic, "\x7f" "ELF", 4) == 0;
-        close(fd);
-        return matches;
-    };
     const auto early = tool()->issueCommand(QStringLiteral("access early"));
     ASSERT_TRUE(early);
     const int fd = early->getFileDescriptor();   // waits for the offer
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    EXPECT_TRUE(isHelperProgram(fd));
+    EXPECT_TRUE(qztest::isProgram(fd));
     EXPECT_EQ(early->getStatus(), 0);
     early->abort();   // replied and nothing offered: only marked
     EXPECT_TRUE(early->aborted());
@@ -126,10 +119,10 @@ TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
         tool()->terminateHelper();   // the end of the connection wakes the caller left waiting
         FAIL() << "the reply did not wake the caller waiting for its descriptor";
     }
-    EXPECT_TRUE(isHelperProgram(lateFd.get()));
+    EXPECT_TRUE(qztest::isProgram(lateFd.get()));
     EXPECT_EQ(late->getStatus(), 0);
     EXPECT_TRUE(late->fileDescriptorAvailable());
-    EXPECT_TRUE(isHelperProgram(late->getFileDescriptor()));
+    EXPECT_TRUE(qztest::isProgram(late->getFileDescriptor()));
     late->abort();
     late->abort();
     int none = 7;

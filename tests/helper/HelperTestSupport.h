@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 
 #include <acl/libacl.h>
@@ -92,6 +93,15 @@ inline QByteArray aclText(const QByteArray &path)
         acl_free(acl);
     }
     return result;
+}
+
+// True when `fd` reads as a program (the fake helper's own file, which it offers); closes `fd`.
+inline bool isProgram(int fd)
+{
+    char magic[4] = {};
+    const bool matches = pread(fd, magic, sizeof magic, 0) == 4 && std::memcmp(magic, "\x7f" "ELF", 4) == 0;
+    close(fd);
+    return matches;
 }
 
 // The number of descriptors the process holds.
