@@ -18,14 +18,10 @@ using qztest::tool;
 
 namespace {
 
-// Logs progress as "TEXT@THREAD" and finish notices as "STATUS@THREAD" (THREAD is "main" on the
-// main thread).
+// Logs progress as "TEXT@THREAD" and finish notices as "STATUS@THREAD" (THREAD: "main" on the main thread).
 struct LoggingDelegate : QZHelperToolDelegate {
     void helperToolCommand(const std::shared_ptr<QZHelperCommand> &, const QString &text) override { log(text); }
-    void helperToolCommandDidFinish(const std::shared_ptr<QZHelperCommand> &command) override
-    {
-        log(QString::number(command->status()));
-    }
+    void helperToolCommandDidFinish(const std::shared_ptr<QZHelperCommand> &c) override { log(QString::number(c->status())); }
     static void log(const QString &text)
     {
         char name[32] = "main";
@@ -89,11 +85,10 @@ TEST(HelperChannel, ReceiverReadsSplitDataAndLogsWhatMatchesNoCommand)
                                               QStringLiteral("Unexpected reply from helper: ") + QString::fromLatin1(noise) }));
 }
 
-// An offer comes with an FD line before the reply or with a reply of size -1. It stands until
-// the command's outcome changes it: every fetch asks the helper again (each descriptor
-// close-on-exec), an abort after fetching still tells the helper to let go, and nothing is
-// asked for when none was offered. Descriptors nobody asked for, and more than one in a
-// message, are closed.
+// An offer comes with an FD line before the reply or with a reply of size -1. It stands until the
+// command's outcome changes it: every fetch asks the helper again (each descriptor close-on-exec),
+// an abort after fetching still tells the helper to let go, and nothing is asked for when none was
+// offered. Descriptors nobody asked for, and more than one in a message, are closed.
 TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
 {
     ConsoleCapture console;
