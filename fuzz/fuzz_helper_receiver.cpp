@@ -45,8 +45,8 @@ void sendChunk(int socket, const uint8_t *bytes, size_t length, size_t count)
     }
     if (length > 0)
         sendmsg(socket, &message, MSG_NOSIGNAL);
-    close(fds[0]);
-    close(fds[1]);
+    for (const int fd : fds)
+        close(fd);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-// qzutil as whole processes: commands, input, exit status and output, against base64, basenc and openssl.
+// qzutil as whole processes: commands (the helper's among them), input, exit status and output,
+// against base64, basenc and openssl.
 #include "support/QzutilRunner.h"
 #include "support/TestSupport.h"
 
@@ -17,11 +18,9 @@ namespace {
 QByteArray system(const QString &words)
 {
     QStringList arguments = words.split(QLatin1Char('|'));
-    QProcess process;
-    process.start(arguments.takeFirst(), arguments);
-    process.waitForFinished(60000);
-    EXPECT_EQ(process.exitCode(), 0) << words.toStdString() << ": " << process.readAllStandardError().toStdString();
-    return process.readAllStandardOutput();
+    const qztest::ToolResult result = qztest::runTool(arguments.takeFirst(), arguments);
+    EXPECT_EQ(result.exitCode, 0) << words.toStdString() << ": " << result.err.toStdString();
+    return result.out;
 }
 
 QString write(const QString &path, const QByteArray &bytes)
@@ -46,6 +45,8 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     write(d + QStringLiteral("/mime"), QZ::mimeBase64(data).toLatin1());
     system(D("mkdir|-p|%D/source/inner"));
     write(d + QStringLiteral("/source/inner/file"), "content");
+    write(d + QStringLiteral("/file"), "data");
+    write(d + QStringLiteral("/doomed file"), "");
     write(d + QStringLiteral("/list.plist"), "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>n</key><integer>7</integer>"
                                              "<key>d</key><data>AAE=</data><key>t</key><date>2001-01-01T00:00:00Z</date></dict></plist>");
     system(D("openssl|genrsa|-out|%D/key.pem|1024"));
@@ -109,10 +110,29 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         { "delete|--jobs|3|%D/threads", {}, 0, "" },
         { "delete|%D/flat", {}, 1, "", "qzutil: cannot delete %D/flat: No such file or directory\n" },
         { "copy|%D/flat|%D/again", {}, 1, "", "%D/flat: No such file or directory (at utils:309)\n" },
+        { "auth-cat|%D/data", {}, 0, data },
+        { "helper|unlink|%D/doomed file", {}, 0, "status 0\n" },
+        { "helper|unlink|%D/doomed file", {}, 1, "status 2\n", "qzutil: unlink: No such file or directory (status 2)\n" },
+        { "helper|--helper|/nonexistent|unlink|%D/doomed file", {}, 1, "status 10002\n",
+          "qzapp: Exception caught whilst trying to start helper: /nonexistent: No such file or directory\n"
+          "qzutil: unlink: the helper could not be reached (status 10002)\n" },
         { "run|/bin/sh|-c|echo out; exit 3", {}, 0, "out\n3\n" },
         { "run|sh|-c|exit 0", {}, 1, "-1\n" },   // not searched for along PATH
         { "plist|%D/list.plist", {}, 0, "{\n    \"d\": \"AAE=\",\n    \"n\": 7,\n    \"t\": \"2001-01-01T00:00:00.000Z\"\n}\n" },
         { "plist|%D/absent", {}, 1, "" },
+        // Options end at the first operand or "--": the words after it reach the command whatever
+        // they start with; a command of free text takes every word.
+        { "quote|-x|--|--help", {}, 0, "-x -- --help\n" },
+        { "escape|--x y", {}, 0, "--x\\ y\n" },
+        { "run|/bin/echo|-n|--help", {}, 0, "--help0\n" },
+        { "run|--|-x", {}, 1, "-1\n", "qzutil: cannot run -x, or it was ended by a signal\n" },
+        { "size|--base=10|--|2000", {}, 0, "2 KB\n" },
+        { "base64|--|%D/file", {}, 0, "ZGF0YQ==\n" },
+        { "helper|echo|-x", {}, 1, "status 22\n", "qzutil: echo: Invalid argument (status 22)\n" },   // echo takes no argument
+        // An option after an operand is an operand, "-" included.
+        { "copy|%D/file|--recursive|%D/copy", {}, 2, "", "usage: qzutil copy [--recursive] [--keep-going] [--hard-links] [--jobs N] [--owner UID] [--group GID] SOURCE DESTINATION\n" },
+        { "base64|-|--url", {}, 2, "", "usage: qzutil base64 [--decode] [--url] [--mime] [--width N] [FILE]\n" },
+        { "encrypt|--cipher", {}, 2, "", "usage: qzutil encrypt --cipher NAME|NUMBER" },
         { "", {}, 2, "", "usage: qzutil COMMAND" },
         { "no-such-command", {}, 2, "", "usage: qzutil " },
         { "size|-5", {}, 2, "", "usage: qzutil size " },
@@ -140,6 +160,7 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     const qztest::ToolResult os = runQzutil({ QStringLiteral("version"), QStringLiteral("os") });
     EXPECT_TRUE(os.exitCode == 0 && os.out.startsWith("kernel: " + system(QStringLiteral("uname|-r")) + "version: 10.")) << os.out.toStdString();
     EXPECT_EQ(system(D("cat|%D/deep/inner/file")), "content");
+    EXPECT_FALSE(QFile::exists(d + QStringLiteral("/copy")));
 }
 
 // base64 starts with Qt Core and nothing of the framework or the GUI; the other commands load
@@ -210,59 +231,25 @@ TEST(Qzutil, HelpExplainsEveryCommandAndOption)
     }
 }
 
-// Options end at the first operand or "--": the words after it reach the command whatever they
-// start with; a command of free text takes every word. The helper gets the bytes of the argument
-// vector, so one that is not UTF-8 fails in perform_helper_command instead of being replaced.
-TEST(Qzutil, WordsAfterTheOptionsPassThrough)
+// Words are bytes: the helper gets those of the argument vector, so one that is not UTF-8 fails in
+// perform_helper_command instead of being replaced, and file names are not re-encoded.
+TEST(Qzutil, WordsPassThroughAsBytes)
 {
     QTemporaryDir dir;
     const QString d = dir.path();
     write(d + QStringLiteral("/file"), "data");
-    const struct {
-        const char *arguments;   // separated by '|'; %D is the scratch folder
-        int status;
-        QByteArray out;
-        const char *err;         // how standard error starts
-    } rows[] = {
-        { "quote|-x|--|--help", 0, "-x -- --help\n", "" },
-        { "escape|--x y", 0, "--x\\ y\n", "" },
-        { "run|/bin/echo|-n|--help", 0, "--help0\n", "" },
-        { "run|--|-x", 1, "-1\n", "qzutil: cannot run -x, or it was ended by a signal\n" },
-        { "size|--base=10|--|2000", 0, "2 KB\n", "" },
-        { "base64|--|%D/file", 0, "ZGF0YQ==\n", "" },
-        { "helper|echo|-x", 1, "status 22\n", "qzutil: echo: Invalid argument (status 22)\n" },   // echo takes no argument
-        // An option after an operand is an operand, "-" included.
-        { "copy|%D/file|--recursive|%D/copy", 2, "", "usage: qzutil copy [--recursive] [--keep-going] [--hard-links] [--jobs N] [--owner UID] [--group GID] SOURCE DESTINATION\n" },
-        { "base64|-|--url", 2, "", "usage: qzutil base64 [--decode] [--url] [--mime] [--width N] [FILE]\n" },
-        { "encrypt|--cipher", 2, "", "usage: qzutil encrypt --cipher NAME|NUMBER" },
-    };
-    for (const auto &row : rows) {
-        const QString arguments = QString::fromUtf8(row.arguments).replace(QLatin1String("%D"), d);
-        SCOPED_TRACE(arguments.toStdString());
-        const qztest::ToolResult result = runQzutil(arguments.split(QLatin1Char('|')));
-        EXPECT_EQ(result.exitCode, row.status) << result.err.toStdString();
-        EXPECT_EQ(result.out, row.out);
-        EXPECT_TRUE(result.err.startsWith(row.err)) << result.err.toStdString();
-    }
-    EXPECT_FALSE(QFile::exists(d + QStringLiteral("/copy")));
+    // Given through the shell, which passes bytes as they are.
+    const QString sh = QStringLiteral("/bin/sh"), c = QStringLiteral("-c"), qzutil = QStringLiteral(QZUTIL_PATH);
+    const qztest::ToolResult notUtf8 = qztest::runTool(sh, { c, QStringLiteral("exec \"$0\" helper echo \"$(printf '\\377')\""), qzutil });
+    EXPECT_EQ(notUtf8.exitCode, 1);
+    EXPECT_EQ(notUtf8.out, "status 10002\n");
+    EXPECT_EQ(notUtf8.err, "qzutil: echo: the helper could not be reached (status 10002)\n");
 
-    // An argument that is not UTF-8, given through the shell, which passes bytes as they are.
-    QProcess process;
-    const QString script = QStringLiteral("exec \"$0\" helper echo \"$(printf '\\377')\"");
-    process.start(QStringLiteral("/bin/sh"), { QStringLiteral("-c"), script, QStringLiteral(QZUTIL_PATH) });
-    process.waitForFinished(60000);
-    EXPECT_EQ(process.exitCode(), 1);
-    EXPECT_EQ(process.readAllStandardOutput(), "status 10002\n");
-    EXPECT_EQ(process.readAllStandardError(), "qzutil: echo: the helper could not be reached (status 10002)\n");
-
-    // File names are bytes: copy and delete act on the names given, not on a re-encoding.
-    const QString files = QStringLiteral("cd \"$1\" && mkdir \"$(printf 'a\\377')\" && \"$0\" copy --recursive "
-                                         "\"$(printf 'a\\377')\" \"$(printf 'b\\376')\" && \"$0\" delete \"$(printf 'a\\377')\" "
-                                         "&& ls");
-    process.start(QStringLiteral("/bin/sh"), { QStringLiteral("-c"), files, QStringLiteral(QZUTIL_PATH), d });
-    process.waitForFinished(60000);
-    EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
-    EXPECT_EQ(process.readAllStandardOutput(), "b\xfe\nfile\n");
+    const qztest::ToolResult files = qztest::runTool(sh, { c, QStringLiteral(
+        "cd \"$1\" && mkdir \"$(printf 'a\\377')\" && \"$0\" copy --recursive \"$(printf 'a\\377')\" \"$(printf 'b\\376')\" "
+        "&& \"$0\" delete \"$(printf 'a\\377')\" && ls"), qzutil, d });
+    EXPECT_EQ(files.exitCode, 0) << files.err.toStdString();
+    EXPECT_EQ(files.out, "b\xfe\nfile\n");
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 #include <QZApp/QZConsoleLog.h>
 #include <QZApp/QZMainThread.h>
 
-#include <cstring>
 #include <future>
 
 #include <fcntl.h>
@@ -19,14 +18,10 @@ using qztest::tool;
 
 namespace {
 
-// Logs progress as "TEXT@THREAD" and finish notices as "STATUS@THREAD" (THREAD is "main" on the
-// main thread).
+// Logs progress as "TEXT@THREAD" and finish notices as "STATUS@THREAD" (THREAD: "main" on the main thread).
 struct LoggingDelegate : QZHelperToolDelegate {
     void helperToolCommand(const std::shared_ptr<QZHelperCommand> &, const QString &text) override { log(text); }
-    void helperToolCommandDidFinish(const std::shared_ptr<QZHelperCommand> &command) override
-    {
-        log(QString::number(command->status()));
-    }
+    void helperToolCommandDidFinish(const std::shared_ptr<QZHelperCommand> &c) override { log(QString::number(c->status())); }
     static void log(const QString &text)
     {
         char name[32] = "main";
@@ -90,11 +85,10 @@ TEST(HelperChannel, ReceiverReadsSplitDataAndLogsWhatMatchesNoCommand)
                                               QStringLiteral("Unexpected reply from helper: ") + QString::fromLatin1(noise) }));
 }
 
-// An offer comes with an FD line before the reply or with a reply of size -1. It stands until
-// the command's outcome changes it: every fetch asks the helper again (each descriptor
-// close-on-exec), an abort after fetching still tells the helper to let go, and nothing is
-// asked for when none was offered. Descriptors nobody asked for, and more than one in a
-// message, are closed.
+// An offer comes with an FD line before the reply or with a reply of size -1. It stands until the
+// command's outcome changes it: every fetch asks the helper again (each descriptor close-on-exec),
+// an abort after fetching still tells the helper to let go, and nothing is asked for when none was
+// offered. Descriptors nobody asked for, and more than one in a message, are closed.
 TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
 {
     ConsoleCapture console;
@@ -103,17 +97,11 @@ TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
                     "read\nsend\nsend 2 REPLY 0 -1\\n\nread\nsendfd 1 " FAKE_HELPER_PATH " \\n\n"
                     "read\nsendfd 1 " FAKE_HELPER_PATH " \\n\nread\nread\nsend 3 REPLY 0 0\\n");
     const int before = qztest::openDescriptorCount();
-    const auto isHelperProgram = [](int fd) {
-        char magic[4] = {};
-        const bool matches = pread(fd, magic, sizeof magic, 0) == 4 && std::memcmp(magic, "\x7f" "ELF", 4) == 0;
-        close(fd);
-        return matches;
-    };
     const auto early = tool()->issueCommand(QStringLiteral("access early"));
     ASSERT_TRUE(early);
     const int fd = early->getFileDescriptor();   // waits for the offer
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    EXPECT_TRUE(isHelperProgram(fd));
+    EXPECT_TRUE(qztest::isProgram(fd));
     EXPECT_EQ(early->getStatus(), 0);
     early->abort();   // replied and nothing offered: only marked
     EXPECT_TRUE(early->aborted());
@@ -126,10 +114,10 @@ TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
         tool()->terminateHelper();   // the end of the connection wakes the caller left waiting
         FAIL() << "the reply did not wake the caller waiting for its descriptor";
     }
-    EXPECT_TRUE(isHelperProgram(lateFd.get()));
+    EXPECT_TRUE(qztest::isProgram(lateFd.get()));
     EXPECT_EQ(late->getStatus(), 0);
     EXPECT_TRUE(late->fileDescriptorAvailable());
-    EXPECT_TRUE(isHelperProgram(late->getFileDescriptor()));
+    EXPECT_TRUE(qztest::isProgram(late->getFileDescriptor()));
     late->abort();
     late->abort();
     int none = 7;

@@ -7,15 +7,11 @@
 
 #include <QZApp/helper/helper_command.h>
 
-#include <acl/libacl.h>
-#include <sys/acl.h>
-
 #include <QCryptographicHash>
 #include <QDirIterator>
 
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -43,13 +39,6 @@ QByteArray checksumListing(const QByteArray &root)
         struct stat st;
         if (lstat(native.constData(), &st) != 0)
             continue;
-        QByteArray acl;
-        if (acl_t list = acl_get_file(native.constData(), ACL_TYPE_ACCESS); list) {
-            char *text = acl_to_any_text(list, nullptr, ',', TEXT_NUMERIC_IDS);
-            acl = text;
-            acl_free(text);
-            acl_free(list);
-        }
         QByteArray content;
         if (S_ISREG(st.st_mode)) {
             QFile file(path);
@@ -57,25 +46,10 @@ QByteArray checksumListing(const QByteArray &root)
                 content = QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex();
         }
         listing += native.mid(root.size()) + ' ' + QByteArray::number(st.st_mode, 8) + ' '
-            + QByteArray::number(st.st_uid) + ':' + QByteArray::number(st.st_gid) + ' ' + acl + ' ' + content + '\n';
+            + QByteArray::number(st.st_uid) + ':' + QByteArray::number(st.st_gid) + ' ' + qztest::aclText(native) + ' ' + content + '\n';
     }
     return listing;
 }
-
-// A root-owned folder (0755) under a root-owned temporary folder.
-struct RootTree {
-    QTemporaryDir dir;
-    RootTree() { chmod(path().constData(), 0755); }
-    QByteArray path(const char *name = "") const { return QFile::encodeName(dir.filePath(QLatin1String(name))); }
-    QByteArray write(const char *name, const QByteArray &text, mode_t mode) const
-    {
-        QFile file(QFile::decodeName(path(name)));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(text) == text.size());
-        file.close();
-        chmod(path(name).constData(), mode);
-        return path(name);
-    }
-};
 
 // A victim tree only root may change, a folder of the attacker and one the client may not
 // write to; the helper runs as root through the launcher for clients of other users.
@@ -114,7 +88,7 @@ protected:
     }
 
     const qztest::PolkitEnvironment polkit;
-    RootTree victim, closed;
+    const qztest::Folder victim { 0755 }, closed { 0755 };
     QByteArray before;
 };
 
@@ -128,8 +102,6 @@ int32_t openStatus(const QByteArray &path, unsigned flags, unsigned mode = 0, un
     return status;
 }
 
-extern "C" int32_t c_echo(const char *text, void **reply, uint32_t *length);
-
 // True when an echo comes back.
 bool echoes()
 {
@@ -139,15 +111,6 @@ bool echoes()
     std::free(reply);
     return back;
 }
-
-// Each statement yields its line number when it fails, so a failing case names itself.
-#define EXPECT_IN_CHILD(condition) \
-    do { \
-        if (!(condition)) { \
-            std::fprintf(stderr, "failed in the child: %s\n", #condition); \
-            return __LINE__ % 250 + 1; \
-        } \
-    } while (0)
 
 TEST_F(HelperAttack, LinksOfOthersRelativePathsFifosAndSetUserIdModes)
 {
@@ -226,7 +189,34 @@ TEST_F(HelperAttack, PolkitAllowsOneUserAndDeniesAnother)
     };
     EXPECT_EQ(asClient(kDeniedUser, [&] { return commands(EACCES); }), 0);
     EXPECT_EQ(asClient(kDeniedUser, [&] { return auth_unlink(x.constData()) == -1 && errno == EACCES ? 0 : 1; }), 0);
-    EXPECT_EQ(asClient(kAllowedUser, [&] { return commands(0); }), 0);
+    // What only root may do, for the allowed client: files made for it or for root; chown and
+    // unlink never follow a final link; the C interface also works from C.
+    const QByteArray own = closed.write("own", "", 0600), link = closed.path("link");
+    const QByteArray mine = closed.path("drop/mine"), roots = closed.path("drop/roots");
+    ASSERT_EQ(symlink(own.constData(), link.constData()), 0);
+    EXPECT_EQ(asClient(kAllowedUser, [&] {
+        EXPECT_IN_CHILD(commands(0) == 0);
+        int fd = auth_open(mine.constData(), O_CREAT | O_WRONLY | AUTH_O_CALLER_OWNS, 0640);
+        EXPECT_IN_CHILD(fd >= 0 && write(fd, "mine", 4) == 4 && close(fd) == 0);
+        fd = auth_open(roots.constData(), O_CREAT | O_WRONLY, 0640);
+        EXPECT_IN_CHILD(fd >= 0 && close(fd) == 0);
+        EXPECT_IN_CHILD(auth_chown(own.constData(), kAllowedUser, kAllowedUser) == 0 && auth_chown(link.constData(), 1, 2) == 0);
+        EXPECT_IN_CHILD(auth_unlink(link.constData()) == 0 && auth_unlink(link.constData()) == -1 && errno == ENOENT);
+        void *reply = &reply;   // a reply without data gives a null pointer
+        uint32_t length = 99;
+        EXPECT_IN_CHILD(c_echo("", &reply, &length) == 0 && !reply && length == 0);
+        EXPECT_IN_CHILD(c_echo("from C", &reply, &length) == 0 && length == 6 && std::memcmp(reply, "from C", 6) == 0);
+        std::free(reply);
+        return 0;
+    }), 0);
+    struct stat st;
+    ASSERT_EQ(stat(mine.constData(), &st), 0);
+    EXPECT_TRUE(st.st_uid == kAllowedUser && (st.st_mode & 07777) == 0640u && st.st_size == 4) << st.st_uid << " " << st.st_mode;
+    ASSERT_EQ(stat(roots.constData(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
+    ASSERT_EQ(stat(own.constData(), &st), 0);
+    EXPECT_TRUE(st.st_uid == kAllowedUser && st.st_gid == kAllowedUser);
+    EXPECT_EQ(lstat(link.constData(), &st), -1);
 
     const int result = qztest::runAsUser(kAllowedUser, [&] {
         tool()->setHelperPath(QFile::decodeName(qztest::SafeLauncherFolder::pkexecLauncher()));

@@ -1,5 +1,5 @@
 // Shared pieces of the helper channel's tests: a scripted fake helper, descriptor and child
-// counting, and running code as an unprivileged user in a forked child.
+// counting, and running code as another user in a forked child.
 #pragma once
 
 #include "support/TestSupport.h"
@@ -12,12 +12,19 @@
 #include <QTemporaryDir>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <functional>
 
+#include <acl/libacl.h>
 #include <grp.h>
+#include <sys/acl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+// tests/helper/c_interface.c: the C interface's echo, called from C.
+extern "C" int32_t c_echo(const char *text, void **reply, uint32_t *length);
 
 namespace qztest {
 
@@ -28,11 +35,11 @@ inline QZHelperTool *tool()
     return QZHelperTool::sharedInstance();
 }
 
-// A temporary folder that every user may enter and write to.
+// A temporary folder with the permission bits `mode`: by default every user may write to it.
 class Folder
 {
 public:
-    Folder() { chmod(QFile::encodeName(m_dir.path()).constData(), 0777); }
+    explicit Folder(mode_t mode = 0777) { chmod(QFile::encodeName(m_dir.path()).constData(), mode); }
 
     QByteArray path(const char *name = "") const { return QFile::encodeName(m_dir.filePath(QLatin1String(name))); }
     // Writes a new file `name` with the permission bits `mode`; returns its path.
@@ -75,6 +82,28 @@ public:
     QByteArray requests(int run = 1) const { return record(run).mid(32); }
 };
 
+// The access list of `path` in short text form with numeric identifiers; empty when it has none.
+inline QByteArray aclText(const QByteArray &path)
+{
+    QByteArray result;
+    if (acl_t acl = acl_get_file(path.constData(), ACL_TYPE_ACCESS)) {
+        char *text = acl_to_any_text(acl, nullptr, ',', TEXT_NUMERIC_IDS);
+        result = text;
+        acl_free(text);
+        acl_free(acl);
+    }
+    return result;
+}
+
+// True when `fd` reads as a program (the fake helper's own file, which it offers); closes `fd`.
+inline bool isProgram(int fd)
+{
+    char magic[4] = {};
+    const bool matches = pread(fd, magic, sizeof magic, 0) == 4 && std::memcmp(magic, "\x7f" "ELF", 4) == 0;
+    close(fd);
+    return matches;
+}
+
 // The number of descriptors the process holds.
 inline int openDescriptorCount()
 {
@@ -105,10 +134,15 @@ inline int runAsUser(uid_t user, const std::function<int()> &body)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// The same as user and group 65534.
-inline int runAsNobody(const std::function<int()> &body)
-{
-    return runAsUser(kNobody, body);
-}
+inline int runAsNobody(const std::function<int()> &body) { return runAsUser(kNobody, body); }
+
+// In a body run by runAsUser: a failing condition is printed and exits with its line number.
+#define EXPECT_IN_CHILD(condition) \
+    do { \
+        if (!(condition)) { \
+            std::fprintf(stderr, "failed in the child: %s\n", #condition); \
+            return __LINE__ % 250 + 1; \
+        } \
+    } while (0)
 
 } // namespace qztest

@@ -5,7 +5,6 @@
 
 #include <QZApp/helper/helper_command.h>
 
-#include <cstring>
 
 #include <fcntl.h>
 
@@ -91,18 +90,12 @@ TEST(PlainInterface, AuthOpenAsksTheHelperOnlyOnEacces)
     ASSERT_EQ(mkdir(fake.path("shut").constData(), 0700), 0);
     const int result = qztest::runAsNobody([&] {
         int fd = auth_open(FAKE_HELPER_PATH, O_RDONLY);
-        if (fd < 0 || close(fd) != 0)
-            return 10;
-        if (auth_open((closed + "/x").constData(), O_RDONLY) != -1 || errno != ENOENT)
-            return 11;
-        char magic[4] = {};
+        EXPECT_IN_CHILD(fd >= 0 && close(fd) == 0);
+        EXPECT_IN_CHILD(auth_open((closed + "/x").constData(), O_RDONLY) == -1 && errno == ENOENT);
         fd = auth_open(secret.constData(), O_RDONLY);
-        if (fd < 0 || read(fd, magic, 4) != 4 || std::memcmp(magic, "\x7f" "ELF", 4) != 0)
-            return 12;
-        if (fcntl(fd, F_GETFD) & FD_CLOEXEC)
-            return 13;   // like open(2): close-on-exec only when asked for
-        if (auth_open((closed + "/y").constData(), O_CREAT | O_WRONLY | AUTH_O_CALLER_OWNS, 0644) != -1 || errno != 13)
-            return 14;
+        EXPECT_IN_CHILD(fd >= 0 && !(fcntl(fd, F_GETFD) & FD_CLOEXEC));   // like open(2): close-on-exec only when asked for
+        EXPECT_IN_CHILD(qztest::isProgram(fd));
+        EXPECT_IN_CHILD(auth_open((closed + "/y").constData(), O_CREAT | O_WRONLY | AUTH_O_CALLER_OWNS, 0644) == -1 && errno == 13);
         return 0;
     });
     EXPECT_EQ(result, 0);

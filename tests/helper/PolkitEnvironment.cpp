@@ -1,5 +1,4 @@
-// The tests' private root-only launcher folder and system bus with polkitd; see
-// PolkitEnvironment.h.
+// The tests' private root-only launcher folder and system bus with polkitd; see PolkitEnvironment.h.
 #include "PolkitEnvironment.h"
 
 #include <QFile>
@@ -55,9 +54,7 @@ QByteArray copyFile(const QByteArray &from, const QByteArray &to, mode_t mode)
 
 QByteArray mountTmpfs(const char *where)
 {
-    if (mount("tmpfs", where, "tmpfs", MS_NODEV, "mode=0755") != 0)
-        return systemError("cannot mount a tmpfs on", where);
-    return QByteArray();
+    return mount("tmpfs", where, "tmpfs", MS_NODEV, "mode=0755") == 0 ? QByteArray() : systemError("cannot mount a tmpfs on", where);
 }
 
 // Starts `argv` as a child with the test's environment; -1 when it cannot.
@@ -69,10 +66,8 @@ pid_t start(const char *const argv[])
 
 void stop(pid_t pid)
 {
-    if (pid <= 0)
-        return;
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
+    if (pid > 0 && kill(pid, SIGTERM) == 0)
+        waitpid(pid, nullptr, 0);
 }
 
 // Waits up to 20 s until `name` has an owner on the system bus.
@@ -119,48 +114,40 @@ SafeLauncherFolder::SafeLauncherFolder()
         fail(systemError("cannot create", stage));
         return;
     }
-    QByteArray failure = mountTmpfs(stage);
-    if (failure.isEmpty()) {
-        if (DIR *dir = opendir("/usr/libexec")) {
-            while (const dirent *entry = readdir(dir)) {
-                const QByteArray name = entry->d_name;
-                if (name == "." || name == ".." || name == "qzapp")
-                    continue;
-                const QByteArray original = "/usr/libexec/" + name, mirror = stage + ("/" + name);
-                struct stat st;
-                char target[4096];
-                ssize_t length;
-                if (lstat(original.constData(), &st) != 0)
-                    continue;
-                if (S_ISLNK(st.st_mode)) {
-                    if ((length = readlink(original.constData(), target, sizeof target - 1)) > 0) {
-                        target[length] = '\0';
-                        if (symlink(target, mirror.constData()) != 0)
-                            failure = systemError("cannot mirror", original);
-                    }
-                    continue;
-                }
-                const bool made = S_ISDIR(st.st_mode) ? mkdir(mirror.constData(), 0755) == 0
-                                                      : writeFile(mirror, QByteArray(), 0644).isEmpty();
-                if (!made || mount(original.constData(), mirror.constData(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-                    failure = systemError("cannot mirror", original);
-            }
-            closedir(dir);
+    fail(mountTmpfs(stage));
+    DIR *dir = m_failure.isEmpty() ? opendir("/usr/libexec") : nullptr;
+    while (const dirent *entry = dir ? readdir(dir) : nullptr) {
+        const QByteArray name = entry->d_name, original = "/usr/libexec/" + name, mirror = stage + ("/" + name);
+        struct stat st;
+        if (name == "." || name == ".." || name == "qzapp" || lstat(original.constData(), &st) != 0)
+            continue;
+        if (S_ISLNK(st.st_mode)) {
+            char target[4096];
+            const ssize_t length = readlink(original.constData(), target, sizeof target - 1);
+            if (length > 0 && (target[length] = '\0', symlink(target, mirror.constData()) != 0))
+                fail(systemError("cannot mirror", original));
+            continue;
         }
-        const QByteArray folder = stage + QByteArray("/qzapp");
-        if (failure.isEmpty() && mkdir(folder.constData(), 0755) != 0)
-            failure = systemError("cannot create", folder);
-        if (failure.isEmpty())
-            failure = copyFile(QZHELPER_PATH, folder + "/qzhelper", 0755);
-        if (failure.isEmpty())
-            failure = copyFile(ROOT_LAUNCHER_PATH, folder + "/qz_root_launcher", 04755);
-        if (failure.isEmpty())
-            failure = copyFile(QZHELPER_PACKAGING_DIR "/disktool-helper-launcher.sh", folder + "/helper-launcher", 0755);
-        if (failure.isEmpty() && mount(stage, "/usr/libexec", nullptr, MS_MOVE, nullptr) != 0)
-            failure = systemError("cannot move the mirror over", "/usr/libexec");
+        const bool made = S_ISDIR(st.st_mode) ? mkdir(mirror.constData(), 0755) == 0 : writeFile(mirror, QByteArray(), 0644).isEmpty();
+        if (!made || mount(original.constData(), mirror.constData(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
+            fail(systemError("cannot mirror", original));
     }
+    if (dir)
+        closedir(dir);
+    const QByteArray folder = stage + QByteArray("/qzapp");
+    if (m_failure.isEmpty() && mkdir(folder.constData(), 0755) != 0)
+        fail(systemError("cannot create", folder));
+    const struct { const char *from, *to; mode_t mode; } files[] = {
+        { QZHELPER_PATH, "/qzhelper", 0755 },
+        { ROOT_LAUNCHER_PATH, "/qz_root_launcher", 04755 },
+        { QZHELPER_PACKAGING_DIR "/disktool-helper-launcher.sh", "/helper-launcher", 0755 },
+    };
+    for (const auto &file : files)
+        if (m_failure.isEmpty())
+            fail(copyFile(file.from, folder + file.to, file.mode));
+    if (m_failure.isEmpty() && mount(stage, "/usr/libexec", nullptr, MS_MOVE, nullptr) != 0)
+        fail(systemError("cannot move the mirror over", "/usr/libexec"));
     rmdir(stage);
-    fail(failure);
 }
 
 SafeLauncherFolder::~SafeLauncherFolder()
@@ -179,11 +166,11 @@ PolkitEnvironment::PolkitEnvironment(const QByteArray &busPolicy)
         fail("the polkitd system user is missing: install the polkitd package (tools/debian-packages.txt)");
         return;
     }
-    for (const char *where : { "/run/dbus", "/etc/polkit-1/rules.d", "/usr/share/polkit-1/actions" }) {
-        fail(mountTmpfs(where));
-        if (!m_failure.isEmpty())
-            return;
-    }
+    for (const char *where : { "/run/dbus", "/etc/polkit-1/rules.d", "/usr/share/polkit-1/actions" })
+        if (m_failure.isEmpty())
+            fail(mountTmpfs(where));
+    if (!m_failure.isEmpty())
+        return;
     fail(copyFile(QZHELPER_PACKAGING_DIR "/org.example.disktool.helper.policy",
                   "/usr/share/polkit-1/actions/org.example.disktool.helper.policy", 0644));
     fail(writeFile("/etc/polkit-1/rules.d/10-qzapp-tests.rules",

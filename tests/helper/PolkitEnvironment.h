@@ -25,8 +25,7 @@ class SafeLauncherFolder
 public:
     SafeLauncherFolder();
     virtual ~SafeLauncherFolder();
-    SafeLauncherFolder(const SafeLauncherFolder &) = delete;
-    SafeLauncherFolder &operator=(const SafeLauncherFolder &) = delete;
+    Q_DISABLE_COPY_MOVE(SafeLauncherFolder)
 
     // Empty when everything is in place; otherwise why not.
     const QByteArray &failure() const { return m_failure; }

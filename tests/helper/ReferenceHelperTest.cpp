@@ -1,29 +1,19 @@
-// The reference helper, through the library as root and from a child that dropped root (with
-// a set-user-id stand-in for pkexec and polkit allowing), through qzutil, and by hand over a
-// socket pair: its commands, its answers to garbage, and its checks of who runs it and who
-// talks to it.
+// The reference helper, through the library as root and by hand over a socket pair: its
+// commands, its answers to garbage, and its checks of who runs it and who talks to it.
+// (HelperAttackTest.cpp drives it for clients that dropped root, QzutilTest.cpp through qzutil.)
 #include "HelperTestSupport.h"
 #include "PolkitEnvironment.h"
-#include "support/QzutilRunner.h"
 
 #include <QZApp/helper/helper_command.h>
 
-#include <acl/libacl.h>
-#include <sys/acl.h>
-
 #include <QProcess>
 
-#include <cstdlib>
-#include <cstring>
-
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 
+using qztest::aclText;
 using qztest::kNobody;
 using qztest::tool;
-
-extern "C" int32_t c_echo(const char *text, void **reply, uint32_t *length);
 
 namespace {
 
@@ -32,18 +22,6 @@ struct Workspace : qztest::Folder {
     Workspace() { tool()->setHelperPath(QStringLiteral(QZHELPER_PATH)); }
     ~Workspace() { tool()->terminateHelper(); }
 };
-
-QString aclText(const QByteArray &path)
-{
-    acl_t acl = acl_get_file(path.constData(), ACL_TYPE_ACCESS);
-    if (!acl)
-        return QString();
-    char *text = acl_to_any_text(acl, nullptr, ',', TEXT_NUMERIC_IDS);
-    const QString result = QString::fromUtf8(text);
-    acl_free(text);
-    acl_free(acl);
-    return result;
-}
 
 TEST(ReferenceHelper, AccessControlListsGrantAndRevoke)
 {
@@ -54,13 +32,13 @@ TEST(ReferenceHelper, AccessControlListsGrantAndRevoke)
 
     EXPECT_EQ(authorise_access(file.constData(), 4, kNobody), 0);
     EXPECT_EQ(authorise_access(file.constData(), 2, kNobody), 0);   // grants add up
-    EXPECT_EQ(aclText(file), QStringLiteral("user::rw-,user:65534:rw-,group::---,mask::rw-,other::---"));
+    EXPECT_EQ(aclText(file), QByteArray("user::rw-,user:65534:rw-,group::---,mask::rw-,other::---"));
 
     EXPECT_EQ(authorise_global(file.constData(), 4), 0);
-    EXPECT_EQ(aclText(file), QStringLiteral("user::rw-,user:65534:rw-,group::---,mask::rw-,other::r--"));
+    EXPECT_EQ(aclText(file), QByteArray("user::rw-,user:65534:rw-,group::---,mask::rw-,other::r--"));
 
     EXPECT_EQ(revoke_access(file.constData(), kNobody), 0);
-    EXPECT_EQ(aclText(file), QStringLiteral("user::rw-,group::---,other::r--"));
+    EXPECT_EQ(aclText(file), QByteArray("user::rw-,group::---,other::r--"));
     EXPECT_EQ(revoke_access(file.constData(), kNobody), 0);   // nothing left to revoke
 
     EXPECT_EQ(authorise_access(link.constData(), 4, kNobody), ELOOP);
@@ -85,9 +63,7 @@ TEST(ReferenceHelper, OffersADescriptorUntilTheCommandIsAborted)
     ASSERT_TRUE(command);
     ASSERT_EQ(command->getStatus(), 0);
     const int first = command->getFileDescriptor(), second = command->getFileDescriptor();
-    ASSERT_GE(first, 0);
-    ASSERT_GE(second, 0);
-    EXPECT_NE(first, second);
+    ASSERT_TRUE(first >= 0 && second >= 0 && first != second) << first << " " << second;
     EXPECT_TRUE(command->fileDescriptorAvailable());
     char text[4] = {};
     EXPECT_EQ(read(first, text, sizeof text), 4);   // one open file: the second reads on from there
@@ -103,69 +79,13 @@ TEST(ReferenceHelper, OffersADescriptorUntilTheCommandIsAborted)
     EXPECT_EQ(helperDescriptors(), before);
 }
 
-// The deployment shape: a client without privileges, and beside the helper a set-user-id
-// launcher that runs it as root; polkit allows the client. Chown and unlink never follow a
-// final link; the C interface also works from C.
-TEST(ReferenceHelper, DoesForAnUnprivilegedClientWhatOnlyRootMay)
-{
-    const qztest::PolkitEnvironment polkit;
-    ASSERT_EQ(polkit.failure(), QByteArray());
-    Workspace workspace;
-    const QByteArray launcher = qztest::SafeLauncherFolder::rootLauncher();
-    const QByteArray secret = workspace.write("secret", "for root only", 0600), link = workspace.path("link");
-    ASSERT_EQ(symlink(secret.constData(), link.constData()), 0);
-    ASSERT_EQ(mkdir(workspace.path("closed").constData(), 0755), 0);
-    const QByteArray mine = workspace.path("closed/mine"), roots = workspace.path("closed/roots");
-
-    const int result = qztest::runAsNobody([&] {
-        tool()->setHelperPath(QFile::decodeName(launcher));
-        int fd = auth_open(secret.constData(), O_RDONLY);
-        char text[32] = {};
-        if (fd < 0 || read(fd, text, sizeof text) != 13 || std::strcmp(text, "for root only") != 0)
-            return 10;
-        close(fd);
-        fd = auth_open(mine.constData(), O_CREAT | O_WRONLY | AUTH_O_CALLER_OWNS, 0640);
-        if (fd < 0 || write(fd, "mine", 4) != 4 || close(fd) != 0)
-            return 11;
-        fd = auth_open(roots.constData(), O_CREAT | O_WRONLY, 0640);
-        if (fd < 0 || close(fd) != 0)
-            return 12;
-        if (auth_chown(secret.constData(), kNobody, kNobody) != 0 || auth_chown(link.constData(), 1, 2) != 0)
-            return 13;
-        if (auth_unlink(link.constData()) != 0 || auth_unlink(link.constData()) != -1 || errno != ENOENT)
-            return 14;
-        void *reply = &reply;   // from C; a reply without data gives a null pointer
-        uint32_t length = 99;
-        if (c_echo("", &reply, &length) != 0 || reply || length != 0)
-            return 15;
-        if (c_echo("from C", &reply, &length) != 0 || length != 6 || std::memcmp(reply, "from C", 6) != 0)
-            return 16;
-        std::free(reply);
-        tool()->terminateHelper();
-        return 0;
-    });
-    EXPECT_EQ(result, 0);
-    struct stat st;
-    ASSERT_EQ(stat(mine.constData(), &st), 0);
-    EXPECT_EQ(st.st_uid, kNobody);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    EXPECT_EQ(st.st_size, 4);
-    ASSERT_EQ(stat(roots.constData(), &st), 0);
-    EXPECT_EQ(st.st_uid, 0u);
-    ASSERT_EQ(stat(secret.constData(), &st), 0);
-    EXPECT_EQ(st.st_uid, kNobody);
-    EXPECT_EQ(st.st_gid, kNobody);
-    EXPECT_EQ(lstat(link.constData(), &st), -1);
-}
-
 // What a helper program run by hand did with `input` on one end of a socket pair, then the end
 // of its input: its output (passed descriptors are dropped), standard error and exit status.
+// `inChild` runs in the child before the program starts.
 struct HelperRun {
     QByteArray output, errors;
     int status = -1;
 };
-
-// `inChild` runs in the child before the program starts.
 HelperRun runHelper(const QByteArray &program, const QByteArray &input, void (*inChild)() = nullptr)
 {
     HelperRun run;
@@ -284,35 +204,6 @@ TEST(ReferenceHelper, ServesAClientWhoseNameHoldsBlanksAndParentheses)
     errno = 0;
     EXPECT_EQ(QZAuthorization::processStartTime(child), 0u);
     EXPECT_EQ(errno, ESRCH);
-}
-
-// qzutil helper and qzutil auth-cat as whole processes, with the helper beside qzutil.
-TEST(ReferenceHelper, RunsCommandsFromQzutilAndCopiesFiles)
-{
-    qztest::Folder folder;
-    const QString file = QFile::decodeName(folder.path("doomed file"));
-    const QByteArray text(100000, 'q');
-    folder.write("doomed file", text, 0644);
-    const QString helper = QStringLiteral("helper"), unlink = QStringLiteral("unlink"), cat = QStringLiteral("auth-cat");
-    // Each run: arguments, exit code, output, how standard error ends.
-    const struct {
-        QStringList arguments;
-        int exitCode;
-        QByteArray out, errorEnd;
-    } runs[] = {
-        { { cat, file }, 0, text, "" },
-        { { helper, unlink, file }, 0, "status 0\n", "" },
-        { { helper, unlink, file }, 1, "status 2\n", "qzutil: unlink: No such file or directory (status 2)\n" },
-        { { helper, QStringLiteral("--helper"), QStringLiteral("/nonexistent"), unlink, file }, 1, "status 10002\n",
-          "Exception caught whilst trying to start helper: /nonexistent: No such file or directory\n"
-          "qzutil: unlink: the helper could not be reached (status 10002)\n" },
-    };
-    for (const auto &each : runs) {
-        const qztest::ToolResult result = qztest::runQzutil(each.arguments);
-        EXPECT_EQ(result.exitCode, each.exitCode) << each.arguments.join(QLatin1Char(' ')).toStdString();
-        EXPECT_EQ(result.out, each.out);
-        EXPECT_TRUE(result.err.endsWith(each.errorEnd)) << result.err.toStdString();
-    }
 }
 
 } // namespace

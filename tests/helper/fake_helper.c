@@ -42,23 +42,21 @@ static void send_text(const char *text, int count, const char *path)
     size_t length = 0;
     for (; *text; text++)
         bytes[length++] = text[0] == '\\' && text[1] == 'n' ? (text++, '\n') : text[0];
-    const int fds[2] = { count > 0 ? open(path, O_RDONLY) : -1, count > 1 ? open(path, O_RDONLY) : -1 };
-    if ((count > 0 && fds[0] < 0) || (count > 1 && fds[1] < 0))
-        err(3, "%s", path);
+    int fds[2] = { -1, -1 };
+    for (int i = 0; i < count; i++)
+        if ((fds[i] = open(path, O_RDONLY)) < 0)
+            err(3, "%s", path);
     union {
         struct cmsghdr header;
         char space[CMSG_SPACE(sizeof(fds))];
-    } control;
+    } control = { 0 };
     struct iovec part = { bytes, length };
     struct msghdr message = { .msg_iov = &part, .msg_iovlen = 1 };
     if (count > 0) {
-        memset(&control, 0, sizeof(control));
         message.msg_control = control.space;
         message.msg_controllen = CMSG_SPACE(sizeof(int) * (size_t)count);
         struct cmsghdr *rights = CMSG_FIRSTHDR(&message);
-        rights->cmsg_level = SOL_SOCKET;
-        rights->cmsg_type = SCM_RIGHTS;
-        rights->cmsg_len = CMSG_LEN(sizeof(int) * (size_t)count);
+        *rights = (struct cmsghdr) { .cmsg_len = CMSG_LEN(sizeof(int) * (size_t)count), .cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS };
         memcpy(CMSG_DATA(rights), fds, sizeof(int) * (size_t)count);
     }
     if (sendmsg(STDOUT_FILENO, &message, MSG_NOSIGNAL) != (ssize_t)length)
