@@ -116,12 +116,14 @@ std::optional<QStringList> QZBugReporter::gatherLogFiles()
 {
     QStringList names;
     QList<QByteArray> contents;   // a null array is the placeholder of a file that was not read
-    const int type = m_reportType;
+    const int type = reportType();
+    const QStringList logFiles = this->logFiles();
+    const QString logPath = this->logPath();
 
-    if (!m_logFiles.isEmpty()) {   // the application named its files
-        for (const QString &path : m_logFiles)
+    if (!logFiles.isEmpty()) {   // the application named its files
+        for (const QString &path : logFiles)
             contents.append(readWholeFile(path));
-        names += m_logFiles;
+        names += logFiles;
     } else {
         if (type != 0) {
             setCurrentStatusFromThread(QZLocalizedString("Fetching log files\\U2026"));
@@ -138,15 +140,15 @@ std::optional<QStringList> QZBugReporter::gatherLogFiles()
                 contents.append(crashes);
             }
         }
-        if (!m_logPath.isNull() && type != 0 && !names.contains(m_logPath)) {
-            const QByteArray log = readWholeFile(m_logPath);
+        if (!logPath.isNull() && type != 0 && !names.contains(logPath)) {
+            const QByteArray log = readWholeFile(logPath);
             if (!log.isNull()) {
-                names.append(m_logPath);
+                names.append(logPath);
                 contents.append(log);
             }
         }
     }
-    if (type != 0 && !m_omitSystemProfile) {
+    if (type != 0 && !omitSystemProfile()) {
         setCurrentStatusFromThread(QZLocalizedString("Generating system profile\\U2026"));
         const QByteArray profile = readSystemProfile();
         if (!profile.isNull()) {

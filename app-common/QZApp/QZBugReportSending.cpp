@@ -56,12 +56,12 @@ std::unique_ptr<QTextDocument> QZBugReporter::composeMessage(const QStringList &
     lineBreak();
     cursor.insertText(QZLocalizedString("Report Type"), label);
     lineBreak();
-    cursor.insertText(QZ::detail::reportTypeName(m_reportType), body);
+    cursor.insertText(QZ::detail::reportTypeName(reportType()), body);
     lineBreak();
     const std::pair<const char *, QString> sections[] = {
-        { "Short Description", m_shortDescription },
-        { "Full Description", m_fullDescription },
-        { "Additional Information", m_additionalInfo },
+        { "Short Description", shortDescription() },
+        { "Full Description", fullDescription() },
+        { "Additional Information", additionalInfo() },
     };
     for (const auto &[title, text] : sections) {
         if (text.isEmpty())
@@ -97,12 +97,12 @@ void QZBugReporter::sendThreadWithJob(quint32 job)
     setCurrentStatusFromThread(QZLocalizedString("Finalizing\\U2026"));
     const std::unique_ptr<QTextDocument> message = composeMessage(attachments);
 
-    if (!m_saveName.isNull()) {
-        QZ::detail::writeRTFD(*message, m_saveName);   // a failed write is not reported
+    if (const QString saveName = this->saveName(); !saveName.isNull()) {
+        QZ::detail::writeRTFD(*message, saveName);   // a failed write is not reported
         QZ::performOnMainThread([this] { doneSend(); });
         return;
     }
-    if (m_allowTimeToAbort) {
+    if (allowTimeToAbort()) {
         // The wait polls: the interval since the start is negative, and a negative sleep
         // returns at once.
         double elapsed = start.msecsTo(QDateTime::currentDateTimeUtc()) / -1000.0;
@@ -131,15 +131,16 @@ void QZBugReporter::doSend(const QTextDocument &message, quint32 job)
             QZ::mainThreadProxy(this).call(&QZBugReporter::doSend, message, job);
             return;
         }
-        const QVariantMap vendor = m_delegate ? m_delegate->vendorInfo() : QVariantMap();
+        QZBugReporterDelegate *const host = delegate();
+        const QVariantMap vendor = host ? host->vendorInfo() : QVariantMap();
         const QZProductInfo product = productBundle();
         QVariantMap headers{
             { QStringLiteral("To"), QStringLiteral("%1 <%2>").arg(vendor.value(QStringLiteral("bugReportEmailName")).toString(),
                                                                   vendor.value(QStringLiteral("bugReportEmailAddress")).toString()) },
             { QStringLiteral("Subject"), QStringLiteral("Bug Report : %1 : %2 (%3)").arg(product.name, product.shortVersion, product.version) },
         };
-        if (!m_emailAddress.isEmpty())
-            headers.insert(QStringLiteral("From"), m_emailAddress);
+        if (const QString sender = emailAddress(); !sender.isEmpty())
+            headers.insert(QStringLiteral("From"), sender);
         QZError failure;
         if (client->supportsFeature(QZMailClient::ComposesForUser)) {
             done = client->constructMessage(message, headers, &failure);
@@ -167,8 +168,8 @@ void QZBugReporter::doSend(const QTextDocument &message, quint32 job)
 void QZBugReporter::sendFinishedWithError(const std::optional<QZError> &error)
 {
     bool handled = false;
-    if (m_delegate)
-        handled = m_delegate->bugReporterFinishedWithError(error ? &*error : nullptr);
+    if (QZBugReporterDelegate *const host = delegate())
+        handled = host->bugReporterFinishedWithError(error ? &*error : nullptr);
     if (!error) {
         doneSend();
         return;

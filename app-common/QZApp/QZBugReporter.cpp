@@ -81,64 +81,50 @@ QZBugReporter::~QZBugReporter()
 
 void QZBugReporter::setShortDescription(const QString &text)
 {
-    if (text == m_shortDescription && text.isNull() == m_shortDescription.isNull())
-        return;
-    m_shortDescription = text;
-    Q_EMIT shortDescriptionChanged();
+    if (store(m_shortDescription, text))
+        Q_EMIT shortDescriptionChanged();
 }
 
 void QZBugReporter::setFullDescription(const QString &text)
 {
-    if (text == m_fullDescription && text.isNull() == m_fullDescription.isNull())
-        return;
-    m_fullDescription = text;
-    Q_EMIT fullDescriptionChanged();
+    if (store(m_fullDescription, text))
+        Q_EMIT fullDescriptionChanged();
 }
 
 void QZBugReporter::setAdditionalInfo(const QString &text)
 {
-    if (text == m_additionalInfo && text.isNull() == m_additionalInfo.isNull())
-        return;
-    m_additionalInfo = text;
-    Q_EMIT additionalInfoChanged();
+    if (store(m_additionalInfo, text))
+        Q_EMIT additionalInfoChanged();
 }
 
 void QZBugReporter::setEmailAddress(const QString &address)
 {
-    if (address == m_emailAddress && address.isNull() == m_emailAddress.isNull())
-        return;
-    m_emailAddress = address;
-    Q_EMIT emailAddressChanged();
+    if (store(m_emailAddress, address))
+        Q_EMIT emailAddressChanged();
 }
 
 void QZBugReporter::setReportType(int type)
 {
-    if (type == m_reportType)
-        return;
-    m_reportType = type;
-    Q_EMIT reportTypeChanged();
+    if (store(m_reportType, type))
+        Q_EMIT reportTypeChanged();
 }
 
 void QZBugReporter::setOmitSystemProfile(bool omit)
 {
-    if (omit == m_omitSystemProfile)
-        return;
-    m_omitSystemProfile = omit;
-    Q_EMIT omitSystemProfileChanged();
+    if (store(m_omitSystemProfile, omit))
+        Q_EMIT omitSystemProfileChanged();
 }
 
 void QZBugReporter::setLogFiles(const QStringList &paths)
 {
-    if (paths == m_logFiles)
-        return;
-    m_logFiles = paths;
-    Q_EMIT logFilesChanged();
+    if (store(m_logFiles, paths))
+        Q_EMIT logFilesChanged();
 }
 
 QZProductInfo QZBugReporter::productBundle() const
 {
-    if (m_productBundle)
-        return *m_productBundle;
+    if (const std::optional<QZProductInfo> product = locked(m_productBundle))
+        return *product;
     const QString version = QCoreApplication::applicationVersion();
     return { QGuiApplication::applicationDisplayName(), version, version,
              QCoreApplication::applicationFilePath() };
@@ -146,7 +132,10 @@ QZProductInfo QZBugReporter::productBundle() const
 
 void QZBugReporter::setProductBundle(const QZProductInfo &product)
 {
-    m_productBundle = product;
+    {
+        std::lock_guard lock(m_fieldLock);
+        m_productBundle = product;
+    }
     Q_EMIT productBundleChanged();
 }
 
@@ -188,20 +177,19 @@ void QZBugReporter::setCanAbort(bool canAbort)
 
 void QZBugReporter::setAllowTimeToAbort(bool allow)
 {
-    if (allow == m_allowTimeToAbort)
-        return;
-    m_allowTimeToAbort = allow;
-    Q_EMIT allowTimeToAbortChanged();
+    if (store(m_allowTimeToAbort, allow))
+        Q_EMIT allowTimeToAbortChanged();
 }
 
 // The mail client
 
 std::shared_ptr<QZMailClient> QZBugReporter::mailClient() const
 {
-    if (m_mailClient)
-        return m_mailClient;
-    const QString recipient = m_delegate
-            ? m_delegate->vendorInfo().value(QStringLiteral("bugReportEmailAddress")).toString()
+    if (std::shared_ptr<QZMailClient> client = locked(m_mailClient))
+        return client;
+    QZBugReporterDelegate *const host = delegate();
+    const QString recipient = host
+            ? host->vendorInfo().value(QStringLiteral("bugReportEmailAddress")).toString()
             : QString();
     if (QSettings().value(QStringLiteral("enableWebMailClient"), false).toBool()) {
         std::shared_ptr<QZWebMailClient> web = QZWebMailClient::mailClient();
@@ -213,6 +201,7 @@ std::shared_ptr<QZMailClient> QZBugReporter::mailClient() const
 
 void QZBugReporter::setMailClient(std::shared_ptr<QZMailClient> client)
 {
+    std::lock_guard lock(m_fieldLock);
     m_mailClient = std::move(client);
 }
 
@@ -232,19 +221,15 @@ void QZBugReporter::startJob()
 
 void QZBugReporter::send()
 {
-    if (!m_saveName.isNull()) {
-        m_saveName = QString();
+    if (store(m_saveName, QString()))
         Q_EMIT saveNameChanged();
-    }
     startJob();
 }
 
 void QZBugReporter::save()
 {
-    if (!m_saveName.isNull()) {
-        m_saveName = QString();
+    if (store(m_saveName, QString()))
         Q_EMIT saveNameChanged();
-    }
     QWidget *parent = bugReportPanel();
     auto *dialog = new QFileDialog(parent, QString(), QDir::homePath());
     dialog->setAttribute(Qt::WA_DeleteOnClose);
@@ -263,8 +248,8 @@ void QZBugReporter::savePanelDidEnd(int result, const QString &path)
 {
     if (result != 1)
         return;
-    m_saveName = path;
-    Q_EMIT saveNameChanged();
+    if (store(m_saveName, path))
+        Q_EMIT saveNameChanged();
     startJob();
 }
 
@@ -310,7 +295,7 @@ bool QZBugReporter::redirectLogsTo(const QString &name)
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);
     close(fd);
-    m_logPath = QFile::decodeName(path);
-    Q_EMIT logPathChanged();
+    if (store(m_logPath, QFile::decodeName(path)))
+        Q_EMIT logPathChanged();
     return true;
 }

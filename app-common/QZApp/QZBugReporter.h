@@ -34,6 +34,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 class QTextDocument;
@@ -94,24 +95,24 @@ public:
     ~QZBugReporter() override;
 
     // The host's delegate (not owned).
-    QZBugReporterDelegate *delegate() const { return m_delegate; }
-    void setDelegate(QZBugReporterDelegate *delegate) { m_delegate = delegate; }
+    QZBugReporterDelegate *delegate() const { return locked(m_delegate); }
+    void setDelegate(QZBugReporterDelegate *delegate) { store(m_delegate, delegate); }
 
     // The report's fields. Setters store the value and signal a change.
-    QString shortDescription() const { return m_shortDescription; }
+    QString shortDescription() const { return locked(m_shortDescription); }
     void setShortDescription(const QString &text);
-    QString fullDescription() const { return m_fullDescription; }
+    QString fullDescription() const { return locked(m_fullDescription); }
     void setFullDescription(const QString &text);
-    QString additionalInfo() const { return m_additionalInfo; }
+    QString additionalInfo() const { return locked(m_additionalInfo); }
     void setAdditionalInfo(const QString &text);
-    QString emailAddress() const { return m_emailAddress; }   // the sender, "From" when not empty
+    QString emailAddress() const { return locked(m_emailAddress); }   // the sender, "From" when not empty
     void setEmailAddress(const QString &address);
-    int reportType() const { return m_reportType; }
+    int reportType() const { return locked(m_reportType); }
     void setReportType(int type);
-    bool omitSystemProfile() const { return m_omitSystemProfile; }
+    bool omitSystemProfile() const { return locked(m_omitSystemProfile); }
     void setOmitSystemProfile(bool omit);
     // When set, exactly these files go with a report instead of the standard logs.
-    QStringList logFiles() const { return m_logFiles; }
+    QStringList logFiles() const { return locked(m_logFiles); }
     void setLogFiles(const QStringList &paths);
     // The product reported on; a host may name another product than itself.
     QZProductInfo productBundle() const;
@@ -128,11 +129,11 @@ public:
     bool canAbort() const { return m_canAbort.load(); }
     void setCanAbort(bool canAbort);   // any thread
     // Wait until 4 seconds after the start before handing a report over, so Abort can stop it.
-    bool allowTimeToAbort() const { return m_allowTimeToAbort; }
+    bool allowTimeToAbort() const { return locked(m_allowTimeToAbort); }
     void setAllowTimeToAbort(bool allow);
     quint32 currentJob() const { return m_currentJob.load(); }
-    QString saveName() const { return m_saveName; }   // the RTFD being saved; empty for a send
-    QString logPath() const { return m_logPath; }      // where redirectLogsTo() sends the output
+    QString saveName() const { return locked(m_saveName); }   // the RTFD being saved; empty for a send
+    QString logPath() const { return locked(m_logPath); }      // where redirectLogsTo() sends the output
 
     // The client reports go to: the one set, else the web-mail client when the setting
     // "enableWebMailClient" is on and it serves the vendor's address, else the default client.
@@ -205,8 +206,29 @@ public:
 
 private:
     void startJob();
+    // The fields the send thread reads are read and written under m_fieldLock; store() tells
+    // whether the value changed.
+    template <typename T>
+    T locked(const T &field) const
+    {
+        std::lock_guard lock(m_fieldLock);
+        return field;
+    }
+    template <typename T>
+    bool store(T &field, const T &value)
+    {
+        std::lock_guard lock(m_fieldLock);
+        if (field == value && sameNullness(field, value))
+            return false;
+        field = value;
+        return true;
+    }
+    static bool sameNullness(const QString &a, const QString &b) { return a.isNull() == b.isNull(); }
+    template <typename T>
+    static bool sameNullness(const T &, const T &) { return true; }
     QZBugReportWindow *window() const { return m_window.get(); }
 
+    mutable std::mutex m_fieldLock;
     QZBugReporterDelegate *m_delegate = nullptr;
     std::unique_ptr<QZBugReportWindow> m_window;
     QString m_shortDescription;
