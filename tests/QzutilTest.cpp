@@ -5,6 +5,7 @@
 
 #include <QZApp/QZCrypto.h>
 
+#include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -163,9 +164,9 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     EXPECT_FALSE(QFile::exists(d + QStringLiteral("/copy")));
 }
 
-// base64 starts with Qt Core and nothing of the framework or the GUI; the other commands load
-// the command module.
-TEST(Qzutil, Base64LoadsOnlyWhatItNeeds)
+// base64 and the tree commands start with Qt Core and nothing of the framework or the GUI; the
+// other commands load the command module.
+TEST(Qzutil, Base64AndDeleteLoadOnlyWhatTheyNeed)
 {
     const auto loaded = [](const QStringList &arguments) {
         QProcess process;
@@ -179,14 +180,15 @@ TEST(Qzutil, Base64LoadsOnlyWhatItNeeds)
         EXPECT_EQ(process.exitCode(), 0);
         return process.readAllStandardError();
     };
-    for (const char *direction : { "", "--decode" }) {
-        QStringList arguments { QStringLiteral("base64") };
-        if (*direction)
-            arguments.append(QString::fromLatin1(direction));
+    QTemporaryDir scratch;
+    ASSERT_TRUE(QDir(scratch.path()).mkdir(QStringLiteral("tree")));
+    const QStringList light[] = { { QStringLiteral("base64") }, { QStringLiteral("base64"), QStringLiteral("--decode") },
+                                  { QStringLiteral("delete"), scratch.filePath(QStringLiteral("tree")) } };
+    for (const QStringList &arguments : light) {
         const QByteArray log = loaded(arguments);
         EXPECT_TRUE(log.contains("libQt6Core.so")) << "LD_DEBUG gave no list";
-        for (const char *library : { "qzutil-commands", "libQZApp", "libQt6Gui", "libQt6Widgets", "libQt6DBus", "libcrypto" })
-            EXPECT_FALSE(log.contains(library)) << direction << " loads " << library;
+        for (const char *library : { "qzutil-commands", "libQZApp.so", "libQt6Gui", "libQt6Widgets", "libQt6DBus", "libcrypto" })
+            EXPECT_FALSE(log.contains(library)) << arguments.join(u' ').toStdString() << " loads " << library;
     }
     EXPECT_TRUE(loaded({ QStringLiteral("quote"), QStringLiteral("x") }).contains("qzutil-commands"));
 }
