@@ -68,13 +68,8 @@ TEST(LinkFieldTest, LooksLikeALinkAndCannotBeSelected)
     const int plainTop = firstInkRow(plain.grab().toImage(), [](QColor c) { return c.lightness() < 60; });
     ASSERT_GE(linkTop, 0);
     EXPECT_EQ(linkTop, plainTop - 1);
-}
 
-TEST(LinkFieldTest, ChangingTheTextKeepsTheAppearanceUntilTheHostRestyles)
-{
-    QZLinkField field(QStringLiteral("www.example.org"));
-    field.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&field));
+    // Changing the text keeps the appearance until the host restyles.
     field.setTextFormat(Qt::RichText);   // as a host might do after the fact
     field.setText(QStringLiteral("<b>x</b>@example.org"));
     EXPECT_EQ(field.textFormat(), Qt::RichText);
@@ -105,38 +100,25 @@ TEST(LinkFieldTest, TheHandCoversTheCentreOfTheField)
     }
 }
 
-// A recording xdg-open first on PATH: every call appends its arguments to a file.
-class OpenRecorder
+// Puts a recording xdg-open first on PATH, once (the platform looks the opener up once per
+// process), and returns what it has been asked to open.
+QString opened()
 {
-public:
-    OpenRecorder()
-    {
-        static QTemporaryDir folder;   // the platform looks the opener up once per process
-        m_log = folder.path() + QStringLiteral("/opened");
-        static bool installed = false;
-        if (!installed) {
-            QFile script(folder.path() + QStringLiteral("/xdg-open"));
-            script.open(QIODevice::WriteOnly);
-            script.write("#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"" + QFile::encodeName(m_log) + "\"\n");
-            script.close();
-            script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-            qputenv("PATH", QFile::encodeName(folder.path()) + ':' + qgetenv("PATH"));
-            for (const char *name : { "BROWSER", "DEFAULT_BROWSER", "XDG_CURRENT_DESKTOP", "DESKTOP_SESSION",
-                                      "KDE_FULL_SESSION", "GNOME_DESKTOP_SESSION_ID" })
-                qunsetenv(name);
-            installed = true;
-        }
-        QFile::remove(m_log);
-    }
-    QString opened() const
-    {
-        QFile file(m_log);
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
-    }
-
-private:
-    QString m_log;
-};
+    static const QString log = [] {
+        static QTemporaryDir folder;
+        QFile script(folder.path() + QStringLiteral("/xdg-open"));
+        EXPECT_TRUE(script.open(QIODevice::WriteOnly));
+        script.write("#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"" + QFile::encodeName(folder.path()) + "/opened\"\n");
+        script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        qputenv("PATH", QFile::encodeName(folder.path()) + ':' + qgetenv("PATH"));
+        for (const char *name : { "BROWSER", "DEFAULT_BROWSER", "XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "KDE_FULL_SESSION",
+                                  "GNOME_DESKTOP_SESSION_ID" })
+            qunsetenv(name);
+        return folder.path() + QStringLiteral("/opened");
+    }();
+    QFile file(log);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
+}
 
 // Two windows: the field's, and another to take activation away from it.
 struct TwoWindows {
@@ -163,46 +145,41 @@ struct TwoWindows {
 
 TEST(LinkFieldTest, ALeftClickOpensTheLinkOnceItsWindowIsActive)
 {
-    OpenRecorder recorder;
+    EXPECT_EQ(opened(), QString());
     TwoWindows windows(QStringLiteral("support@example.org"));
     ASSERT_TRUE(windows.activate(&windows.other));
     QTest::mouseClick(windows.field, Qt::LeftButton, {}, windows.centre());   // only activates the window
     EXPECT_TRUE(QTest::qWaitForWindowActive(&windows.fieldWindow));
     QTest::qWait(300);
-    EXPECT_EQ(recorder.opened(), QString());
+    EXPECT_EQ(opened(), QString());
     QTest::mouseClick(windows.field, Qt::LeftButton, {}, windows.centre());
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !recorder.opened().isEmpty(); }, 5000));
-    EXPECT_EQ(recorder.opened(), QStringLiteral("mailto:support@example.org"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !opened().isEmpty(); }, 5000));
+    EXPECT_EQ(opened(), QStringLiteral("mailto:support@example.org"));
 }
 
-// Right-clicks the field (its window inactive), then clicks "Copy" in the menu that shows.
-void copyThroughTheMenu(TwoWindows &windows)
-{
-    ASSERT_TRUE(windows.activate(&windows.other));
-    QGuiApplication::clipboard()->clear();
-    QTest::mousePress(windows.field, Qt::RightButton, {}, windows.centre());
-    QMenu *menu = QZLinkField::menu();
-    ASSERT_TRUE(menu->isVisible());   // at once, without activating the field's window first
-    ASSERT_EQ(menu->actions().size(), 1);
-    QAction *copy = menu->actions().first();
-    EXPECT_EQ(copy->text(), QStringLiteral("Copy"));
-    EXPECT_TRUE(copy->shortcut().isEmpty());
-    QTest::mouseRelease(windows.field, Qt::RightButton, {}, windows.centre());
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(menu));
-    QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(copy).center());
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !menu->isVisible(); }, 2000));
-}
-
-// Copy puts the text and the link, if there is one, on the clipboard; every field shares one menu.
+// Copy, from a right-click on the field while its window is inactive, puts the text and the
+// link, if there is one, on the clipboard; every field shares one menu.
 TEST(LinkFieldTest, CopyPutsTheTextAndTheLinkOnTheClipboard)
 {
     QMenu *shared = nullptr;
     for (const auto &[text, link] : { std::pair { "www.example.org", "http://www.example.org" }, std::pair { "two words", "" } }) {
         TwoWindows windows(QString::fromUtf8(text));
         EXPECT_EQ(windows.field->contextMenuPolicy(), Qt::PreventContextMenu);
-        copyThroughTheMenu(windows);
-        EXPECT_EQ(QZLinkField::menu(), shared ? shared : QZLinkField::menu());
-        shared = QZLinkField::menu();
+        ASSERT_TRUE(windows.activate(&windows.other));
+        QGuiApplication::clipboard()->clear();
+        QTest::mousePress(windows.field, Qt::RightButton, {}, windows.centre());
+        QMenu *menu = QZLinkField::menu();
+        ASSERT_TRUE(menu->isVisible());   // at once, without activating the field's window first
+        ASSERT_EQ(menu->actions().size(), 1);
+        QAction *copy = menu->actions().first();
+        EXPECT_EQ(copy->text(), QStringLiteral("Copy"));
+        EXPECT_TRUE(copy->shortcut().isEmpty());
+        QTest::mouseRelease(windows.field, Qt::RightButton, {}, windows.centre());
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(menu));
+        QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(copy).center());
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !menu->isVisible(); }, 2000));
+        EXPECT_EQ(menu, shared ? shared : menu);
+        shared = menu;
         const QMimeData *data = QGuiApplication::clipboard()->mimeData();
         ASSERT_NE(data, nullptr);
         EXPECT_EQ(data->text(), QString::fromUtf8(text));

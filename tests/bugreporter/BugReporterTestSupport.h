@@ -26,47 +26,30 @@ namespace qztest {
 
 using namespace Qt::StringLiterals;
 
-inline QByteArray gunzip(const QString &path)
-{
-    QProcess process;
-    process.start(u"/bin/gzip"_s, { u"-dc"_s, path });
-    process.waitForFinished(60000);
-    return process.readAllStandardOutput();
-}
-
-inline bool mountsAvailable()
-{
-    return geteuid() == 0 && qEnvironmentVariableIsEmpty("QZ_TEST_NO_MOUNTS");
-}
+inline QByteArray gunzip(const QString &path) { return runProgram(u"gzip"_s, { u"-dc"_s, path }); }
+inline bool mountsAvailable() { return geteuid() == 0 && qEnvironmentVariableIsEmpty("QZ_TEST_NO_MOUNTS"); }
 
 // A scratch home: HOME, the XDG folders, TMPDIR and the settings all inside one folder.
-class ScratchHome
-{
-public:
+struct ScratchHome {
     ScratchHome()
     {
-        d = m_dir.path();
-        for (const auto &[variable, folder] : { std::pair{ "HOME", "/home" }, { "XDG_STATE_HOME", "/state" },
-                                                { "XDG_DATA_HOME", "/data" }, { "XDG_CONFIG_HOME", "/config" },
-                                                { "TMPDIR", "/tmp" } }) {
-            QDir().mkpath(d + QLatin1String(folder));
-            qputenv(variable, (d + QLatin1String(folder)).toUtf8());
+        for (const auto &[variable, folder] : { std::pair{ "HOME", "home" }, { "XDG_STATE_HOME", "state" },
+                                                { "XDG_DATA_HOME", "data" }, { "XDG_CONFIG_HOME", "config" }, { "TMPDIR", "tmp" } }) {
+            QDir().mkpath(path(QLatin1String(folder)));
+            qputenv(variable, path(QLatin1String(folder)).toUtf8());
         }
         qunsetenv("XDG_CONFIG_DIRS");
         qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
     }
     QString path(const QString &relative) const { return d + u'/' + relative; }
-    QString d;
-
-private:
-    QTemporaryDir m_dir;
+    QTemporaryDir dir;
+    const QString d = dir.path();
 };
 
 // Mounts `source` over `target` in this process's private mount namespace.
 inline void bindOver(const QString &source, const QString &target)
 {
-    ASSERT_EQ(mount(QFile::encodeName(source).constData(), QFile::encodeName(target).constData(), nullptr, MS_BIND,
-                    nullptr), 0)
+    ASSERT_EQ(mount(QFile::encodeName(source).constData(), QFile::encodeName(target).constData(), nullptr, MS_BIND, nullptr), 0)
             << target.toStdString();
 }
 
@@ -125,9 +108,7 @@ private:
 };
 
 // The vendor of the tests; records each finished notice and says whether it handled it.
-class RecordingDelegate : public QZBugReporterDelegate
-{
-public:
+struct RecordingDelegate : QZBugReporterDelegate {
     QVariantMap vendorInfo() const override
     {
         return { { u"bugReportEmailName"_s, u"Disk Tool Bugs"_s }, { u"bugReportEmailAddress"_s, u"bugs@example.org"_s } };
@@ -142,9 +123,6 @@ public:
 };
 
 // The product of the tests.
-inline QZProductInfo diskTool(const QString &executable = u"/opt/disk-tool/Disk Tool"_s)
-{
-    return { u"Disk Tool"_s, u"1.0"_s, u"42"_s, executable };
-}
+inline QZProductInfo diskTool() { return { u"Disk Tool"_s, u"1.0"_s, u"42"_s, u"/opt/disk-tool/Disk Tool"_s }; }
 
 } // namespace qztest

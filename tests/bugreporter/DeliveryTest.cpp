@@ -19,7 +19,6 @@ protected:
     void SetUp() override
     {
         makeCertificate(home.d);
-        r = QZBugReporter::sharedBugReporter();
         r->setProductBundle(diskTool());
         r->setOmitSystemProfile(true);
         for (int i = 0; i < 2; i++) {
@@ -62,7 +61,7 @@ protected:
     }
 
     ScratchHome home;
-    QZBugReporter *r = nullptr;
+    QZBugReporter *const r = QZBugReporter::sharedBugReporter();
     QStringList m_logs;
     QList<QByteArray> m_texts;
 };
@@ -122,18 +121,11 @@ TEST_F(DeliveryTest, SavedReportIsAnRtfdPackageThatUnrtfReads)
 
 TEST_F(DeliveryTest, QzutilReportSavesAndSendsWithoutADisplay)
 {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const QString &variable : { u"DISPLAY"_s, u"WAYLAND_DISPLAY"_s, u"QT_QPA_PLATFORM"_s })
-        environment.remove(variable);
-    const QStringList common{ u"report"_s, u"--type"_s, u"1"_s, u"--short"_s, u"From the command line"_s, u"--info"_s, u"ext4"_s,
-                              u"--log"_s, m_logs[0], u"--omit-system-profile"_s };
+    for (const char *variable : { "DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM" })
+        qunsetenv(variable);   // for the children only: this process's platform is chosen already
     const auto qzutil = [&](const QStringList &arguments) {
-        QProcess process;
-        process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(QZUTIL_PATH), common + arguments);
-        process.waitForFinished(120000);
-        return ToolResult{ process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-                           process.readAllStandardOutput(), process.readAllStandardError() };
+        return runQzutil(QStringList{ u"report"_s, u"--type"_s, u"1"_s, u"--short"_s, u"From the command line"_s, u"--info"_s, u"ext4"_s,
+                           u"--log"_s, m_logs[0], u"--omit-system-profile"_s } + arguments);
     };
     const QString package = home.path(u"cli.rtfd"_s);
     const ToolResult saved = qzutil({ u"--save"_s, package });

@@ -1,6 +1,7 @@
 // The reporter object and its window, driven with real input on a real event loop, with real
 // send threads handing reports to a recording mail client.
 #include "bugreporter/BugReporterTestSupport.h"
+#include "support/TestSupport.h"
 
 #include <QZApp/QZAssertionHandler.h>
 
@@ -57,15 +58,10 @@ protected:
 
 TEST_F(WindowTest, OneSharedReporterAndASecondOneIsAFault)
 {
-    EXPECT_EQ(QZBugReporter::sharedBugReporter(), r);
-    try {
-        QZBugReporter second;
-        ADD_FAILURE() << "a second reporter was made";
-    } catch (const QZAssertionFailure &failure) {
-        EXPECT_EQ(failure.description(), u"Oops!"_s);
-        EXPECT_EQ(failure.file(), u"app-common/QZApp/QZBugReporter"_s);
-        EXPECT_EQ(failure.line(), 64);
-    }
+    const QZAssertionFailure failure = expectAssertion([] { QZBugReporter second; });
+    EXPECT_EQ(failure.description(), u"Oops!"_s);
+    EXPECT_EQ(failure.file(), u"app-common/QZApp/QZBugReporter"_s);
+    EXPECT_EQ(failure.line(), 64);
     EXPECT_EQ(QZBugReporter::sharedBugReporter(), r);
     EXPECT_EQ(r->appName(), u"Disk Tool"_s);
 }
@@ -133,11 +129,22 @@ TEST_F(WindowTest, EmailAreaFollowsTheClientAndTheWindowChangesHeightOnce)
     EXPECT_TRUE(r->emailAddress().isNull()) << "the address was looked up a second time";
 }
 
-TEST_F(WindowTest, WindowRefusesToCloseWhileBusyAndKeepsItsFrame)
+TEST_F(WindowTest, KeyboardReachesTheControlsAndTheWindowRefusesToCloseWhileBusy)
 {
+    r->setMailClient(std::make_shared<RecordingClient>(0));   // no e-mail area
     r->showWindow();
     QWidget *panel = r->bugReportPanel();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(panel));
+    EXPECT_EQ(control<QPushButton>("save")->text(), u"Sa&ve\u2026"_s);
+    control("reportType")->setFocus();   // Tab walks the form in order
+    QStringList order;
+    for (int i = 0; i < 5; i++, QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab))
+        order.append(QApplication::focusWidget()->objectName());
+    EXPECT_EQ(order, QStringList({ u"reportType"_s, u"shortDescription"_s, u"fullDescription"_s, u"additionalInfo"_s,
+                                   u"omitSystemProfile"_s }));
+    QTest::keyClick(panel, Qt::Key_U, Qt::AltModifier);   // a mnemonic reaches its field
+    EXPECT_EQ(QApplication::focusWidget(), control("shortDescription"));
+
     panel->resize(600, 620);
     r->setBusy(true);
     EXPECT_TRUE(control("progressIndicator")->isVisible());
@@ -201,8 +208,7 @@ TEST_F(WindowTest, ClientsGetTheMessageOnTheThreadTheyAllowWithTheStatedHeaders)
         const char *what;
         int features;
         QString email;
-        bool constructed;
-        bool onMainThread;
+        bool constructed, onMainThread;
     } cases[] = {
         { "a thread-safe client delivers on the send thread", QZMailClient::ThreadSafe, u"me@example.net"_s, false, false },
         { "a client without feature 16 is used on the main thread", 0, QString(), false, true },
@@ -233,18 +239,17 @@ TEST_F(WindowTest, ClientsGetTheMessageOnTheThreadTheyAllowWithTheStatedHeaders)
 TEST_F(WindowTest, FailuresAreShownInAnAlertUnlessTheDelegateHandlesThem)
 {
     delegate.handles = false;
-    auto client = std::make_shared<RecordingClient>(QZMailClient::ThreadSafe);
-    client->failWith(QZError(u"QZMailErrorDomain"_s, 5, u"refused"_s));
+    auto failing = std::make_shared<RecordingClient>(QZMailClient::ThreadSafe);
+    failing->failWith(QZError(u"QZMailErrorDomain"_s, 5, u"refused"_s));
     const struct {
         const char *what;
         std::shared_ptr<QZMailClient> client;
-        QString title;
-        QString text;
+        QString title, text;
     } cases[] = {
         { "no client at all", nullptr, u"No e-mail client configured"_s,
           u"Disk Tool cannot send e-mail because there is no configured e-mail client on this machine. Please save the "
           "bug report and e-mail it later."_s },
-        { "a client that fails", client, u"We were unable to send/compose the report."_s,
+        { "a client that fails", failing, u"We were unable to send/compose the report."_s,
           u"There was a problem composing/sending the report. Please contact our support team directly."_s },
     };
     for (const auto &c : cases) {
@@ -252,7 +257,7 @@ TEST_F(WindowTest, FailuresAreShownInAnAlertUnlessTheDelegateHandlesThem)
         r->setMailClient(c.client);   // none set: the default client, and this scratch home has none
         r->showWindow();
         QString title, text;
-        QTimer watcher;
+        QTimer watcher;   // answers the alert
         QObject::connect(&watcher, &QTimer::timeout, [&] {
             if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
                 title = box->windowTitle();
@@ -287,37 +292,17 @@ TEST_F(WindowTest, MessageHasItsSectionsAndAttachmentCharacters)
 
     r->setReportType(1);
     r->setAdditionalInfo(u"ext4 on a USB disk"_s);
-    writeFile(home.path(u"a.log.gz"_s), "a");
-    writeFile(home.path(u"b.spx.gz"_s), "b");
-    std::unique_ptr<QTextDocument> full = r->composeMessage({ home.path(u"a.log.gz"_s), home.path(u"b.spx.gz"_s) });
+    const QStringList files{ home.path(u"a.log.gz"_s), home.path(u"b.spx.gz"_s) };
+    for (const QString &file : files)
+        writeFile(file, "a");
+    std::unique_ptr<QTextDocument> full = r->composeMessage(files);
     const QString text = full->toPlainText();
     EXPECT_TRUE(text.startsWith(u"Product\nDisk Tool 1.0 (42)\n\nReport Type\nMinor Bug\n\nAdditional Information\n"
                                 "ext4 on a USB disk\n\nAttachments\nThe files attached"_s))
             << text.toStdString();
     EXPECT_TRUE(text.contains(u"gunzip"_s)) << "the English text tells how to expand the files here";
     EXPECT_TRUE(text.endsWith(u"\n\n\uFFFC\uFFFC\n"_s));
-    EXPECT_EQ(QZ::mailAttachments(*full), QStringList({ home.path(u"a.log.gz"_s), home.path(u"b.spx.gz"_s) }));
-}
-
-TEST_F(WindowTest, WindowTextsAreLocalizedAndTheControlsReachableByKeyboard)
-{
-    r->setMailClient(std::make_shared<RecordingClient>(0));   // no e-mail area
-    r->showWindow();
-    QWidget *panel = r->bugReportPanel();
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(panel));
-    EXPECT_EQ(control<QPushButton>("save")->text(), u"Sa&ve\u2026"_s);
-    // Tab walks the form in order.
-    control("reportType")->setFocus();
-    QStringList order;
-    for (int i = 0; i < 5; i++) {
-        order.append(QApplication::focusWidget()->objectName());
-        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
-    }
-    EXPECT_EQ(order, QStringList({ u"reportType"_s, u"shortDescription"_s, u"fullDescription"_s, u"additionalInfo"_s,
-                                   u"omitSystemProfile"_s }));
-    // A mnemonic reaches its field.
-    QTest::keyClick(panel, Qt::Key_U, Qt::AltModifier);
-    EXPECT_EQ(QApplication::focusWidget(), control("shortDescription"));
+    EXPECT_EQ(QZ::mailAttachments(*full), files);
 }
 
 // The window as a person sees it, empty and busy. With QZ_SCREENSHOT_DIR set (docs/screenshots
@@ -330,8 +315,7 @@ TEST_F(WindowTest, WindowLooksTheSameEmptyAndBusy)
     r->showWindow();
     QWidget *panel = r->bugReportPanel();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(panel));
-    const QString folder = qEnvironmentVariable("QZ_SCREENSHOT_DIR");
-    const auto shoot = [&](const QString &name) {
+    const auto shoot = [&, folder = qEnvironmentVariable("QZ_SCREENSHOT_DIR")](const QString &name) {
         QTest::qWait(300);
         const QPixmap picture = panel->grab();
         EXPECT_GE(picture.width(), panel->minimumWidth());
