@@ -20,19 +20,15 @@
 
 namespace {
 
-class Files {
-public:
-    std::string write(const QByteArray &bytes)
-    {
-        QFile file(folder.filePath(QString::number(++files)));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-        return file.fileName().toStdString();
-    }
-    QTemporaryDir folder;
-
-private:
-    int files = 0;
-};
+// A new file in a scratch folder holding `bytes`.
+std::string write(const QByteArray &bytes)
+{
+    static QTemporaryDir folder;
+    static int files = 0;
+    QFile file(folder.filePath(QString::number(++files)));
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+    return file.fileName().toStdString();
+}
 
 void appendBigEndian(QByteArray &bytes, quint64 value, int size)
 {
@@ -76,10 +72,7 @@ QByteArray binaryChain(quint32 levels)
     return binaryList(arrays);
 }
 
-QByteArray repeated(const char *text, int times)
-{
-    return QByteArray(text).repeated(times);
-}
+QByteArray repeated(const char *text, int times) { return QByteArray(text).repeated(times); }
 
 QByteArray xmlChain(int levels)
 {
@@ -103,8 +96,7 @@ int arrayLevels(QVariant value)
 
 TEST(PropertyList, ReadsXmlAndBinaryListsIntoTheSameQtValuesAndAnythingElseAsNull)
 {
-    Files files;
-    const std::string xml = files.write(R"(<?xml version="1.0" encoding="UTF-8"?>
+    const std::string xml = write(R"(<?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0"><dict>
   <key>name</key><string>Disk Tool ✓</string><key>count</key><integer>-5</integer>
   <key>ratio</key><real>0.25</real><key>on</key><true/><key>when</key><date>2001-01-02T00:00:01Z</date>
@@ -126,7 +118,7 @@ TEST(PropertyList, ReadsXmlAndBinaryListsIntoTheSameQtValuesAndAnythingElseAsNul
     uint32_t length = 0;
     plist_to_bin(parsed, &binary, &length);
     ASSERT_NE(binary, nullptr);
-    const std::string binaryFile = files.write(QByteArray(binary, static_cast<qsizetype>(length)));
+    const std::string binaryFile = write(QByteArray(binary, static_cast<qsizetype>(length)));
     std::free(binary);
     plist_free(parsed);
     EXPECT_EQ(QZ::propertyListFromFile(QString::fromStdString(binaryFile)), expected);
@@ -137,15 +129,16 @@ TEST(PropertyList, ReadsXmlAndBinaryListsIntoTheSameQtValuesAndAnythingElseAsNul
                                      // dictionary whose key is not a string, and a key with a NUL character in it.
                                      QByteArray::fromBase64("YnBsaXN0MDDSAQIDDVFhUW6nBAUGBwgJChABE//////////+Iz/gAAAAAAAACUIAAVR0ZXh00QsMUWtRdhMAAAEAAAAAAAgNEBEZGyQtLjMzODs9AAAAAAAAAQEAAAAAAAAADgAAAAAAAAAAAAAAAAAAAEY="),
                                      QByteArray::fromBase64("YnBsaXN0MDDRAQJjAOkAAABiEAEICxIAAAAAAAABAQAAAAAAAAADAAAAAAAAAAAAAAAAAAAAFA==") }) {
-        const std::string path = files.write(bytes);
+        const std::string path = write(bytes);
         errno = 0;
         EXPECT_EQ(plist_from_file(path.c_str()), nullptr) << bytes.toBase64().constData();
         EXPECT_EQ(errno, EINVAL) << bytes.toBase64().constData();
         EXPECT_FALSE(QZ::propertyListFromFile(QString::fromStdString(path)).isValid());
     }
-    EXPECT_EQ(plist_from_file(files.folder.filePath(QStringLiteral("absent")).toUtf8().constData()), nullptr);
+    const std::string folder = xml.substr(0, xml.rfind('/'));
+    EXPECT_EQ(plist_from_file((folder + "/absent").c_str()), nullptr);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(plist_from_file(files.folder.path().toUtf8().constData()), nullptr);
+    EXPECT_EQ(plist_from_file(folder.c_str()), nullptr);
     EXPECT_EQ(errno, EISDIR);
 }
 
@@ -212,9 +205,8 @@ TEST(PropertyList, NestingToTheLimitIsReadAndDeeperOrHiddenNestingIsRefusedQuick
         { "XML entity declared", "<!DOCTYPE plist [<!ENTITY a \"<array>\">]><plist><array/></plist>", 0 },
         { "XML element declared", "<!DOCTYPE plist [<!ELEMENT plist ANY>]><plist><array/></plist>", 1 },
     };
-    Files files;
     for (const auto &test : cases) {
-        const std::string path = files.write(test.bytes);
+        const std::string path = write(test.bytes);
         const auto start = std::chrono::steady_clock::now();
         errno = 0;
         plist_t list = plist_from_file(path.c_str());

@@ -24,12 +24,11 @@ QByteArray system(const QString &words)
     return result.out;
 }
 
-QString write(const QString &path, const QByteArray &bytes)
+void write(const QString &path, const QByteArray &bytes)
 {
+    QDir().mkpath(path.section(QLatin1Char('/'), 0, -2));
     QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    return path;
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
 }
 
 TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
@@ -42,17 +41,13 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     QRandomGenerator generator(9);
     for (char &c : data)
         c = static_cast<char>(generator.bounded(256));
-    write(d + QStringLiteral("/data"), data);
-    write(d + QStringLiteral("/mime"), QZ::mimeBase64(data).toLatin1());
-    system(D("mkdir|-p|%D/source/inner"));
-    write(d + QStringLiteral("/source/inner/file"), "content");
-    write(d + QStringLiteral("/file"), "data");
-    write(d + QStringLiteral("/doomed file"), "");
-    write(d + QStringLiteral("/list.plist"), "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>n</key><integer>7</integer>"
-                                             "<key>d</key><data>AAE=</data><key>t</key><date>2001-01-01T00:00:00Z</date></dict></plist>");
     system(D("openssl|genrsa|-out|%D/key.pem|1024"));
-    write(d + QStringLiteral("/public.pem"), system(D("openssl|pkey|-in|%D/key.pem|-pubout")));
-    write(d + QStringLiteral("/words"), "signed words");
+    for (const auto &[name, bytes] : { std::pair { "data", data }, { "mime", QZ::mimeBase64(data).toLatin1() },
+                                       { "source/inner/file", "content" }, { "file", "data" }, { "doomed file", "" },
+                                       { "public.pem", system(D("openssl|pkey|-in|%D/key.pem|-pubout")) }, { "words", "signed words" },
+                                       { "list.plist", "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>n</key><integer>7</integer>"
+                                                       "<key>d</key><data>AAE=</data><key>t</key><date>2001-01-01T00:00:00Z</date></dict></plist>" } })
+        write(d + QLatin1Char('/') + QLatin1String(name), bytes);
     const QByteArray signature = system(D("openssl|pkeyutl|-sign|-inkey|%D/key.pem|-in|%D/words"));
     const QString enc = D("enc|-provider|legacy|-provider|default|-in|%D/data|");
     const QByteArray des = system(D("openssl|") + enc + QStringLiteral("-des-cbc|-K|0123456789abcdef|-iv|fedcba9876543210"));

@@ -36,6 +36,7 @@ const QVariantMap kHeaders{ { u"To"_s, u"Bug Desk <bugs@example.org>"_s }, { u"S
                             { u"From"_s, u"R\u00e9porter <reporter@example.net>"_s } };
 
 QByteArray decoded(const QJsonValue &value) { return QByteArray::fromBase64(value.toString().toLatin1()); }
+QString text(const QJsonValue &value) { return QString::fromUtf8(decoded(value[u"data"_s])); }
 
 // Every message of Qt's handler, any category.
 QStringList s_log;
@@ -60,7 +61,6 @@ protected:
             for (int i = 0; i < 2000; i++)
                 text += name.toUtf8() + " line " + QByteArray::number(i) + "\n";
             writeFile(d + u'/' + name, text);
-            m_originals.append(text);
             m_gzips.append(runProgram(u"gzip"_s, { u"-c"_s, d + u'/' + name }));
             m_attachments.append(d + u'/' + name + u".gz"_s);
             writeFile(m_attachments.last(), m_gzips.last());
@@ -92,7 +92,7 @@ protected:
     QString d;
     QTextDocument m_report;
     QStringList m_attachments;
-    QList<QByteArray> m_originals, m_gzips;
+    QList<QByteArray> m_gzips;
 };
 
 TEST_F(MailClientTest, SmtpDeliversAReportIntactOverStartTlsWithLogin)
@@ -126,19 +126,16 @@ TEST_F(MailClientTest, SmtpDeliversAReportIntactOverStartTlsWithLogin)
     for (const QJsonValue &part : parts)
         types << part[u"type"_s].toString();
     EXPECT_EQ(types, u"multipart/mixed multipart/alternative text/plain text/html application/gzip application/gzip"_s.split(u' '));
-    EXPECT_EQ(QString::fromUtf8(decoded(parts[2][u"data"_s])).remove(u'\r'),
+    EXPECT_EQ(text(parts[2]).remove(u'\r'),
               u"Product\nDisk Tool 1.0 (42)\n\nShort Description\nCopy stops at 99 %\n\nFull Description\nIt stops.\n"
               "Every time, <and> & \u00fcmlauts.\n\nAdditional Information\nnone\n\nAttachments\n"_s);
-    const QString html = QString::fromUtf8(decoded(parts[3][u"data"_s]));
+    const QString html = text(parts[3]);
     for (const char *label : { "Product", "Short Description", "Full Description", "Additional Information" })
         EXPECT_TRUE(html.contains(u"font-weight:700;\">%1</span>"_s.arg(QLatin1String(label)))) << label;
     EXPECT_TRUE(html.contains(u"&lt;and&gt; &amp; \u00fcmlauts"_s));
-    for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(parts[4 + i][u"filename"_s], m_attachments[i].section(u'/', -1));
-        EXPECT_EQ(parts[4 + i][u"disposition"_s], u"attachment"_s);
-        EXPECT_EQ(decoded(parts[4 + i][u"data"_s]), m_gzips[i]);
-        EXPECT_EQ(runProgram(u"gzip"_s, { u"-dc"_s }, decoded(parts[4 + i][u"data"_s])), m_originals[i]);
-    }
+    for (int i = 0; i < 2; i++)   // the reporter's gzip files, byte for byte
+        EXPECT_TRUE(parts[4 + i][u"filename"_s] == m_attachments[i].section(u'/', -1) && parts[4 + i][u"disposition"_s] == u"attachment"_s
+                    && decoded(parts[4 + i][u"data"_s]) == m_gzips[i]) << i;
     // The password lives in the Secret Service only.
     EXPECT_FALSE(readFile(QSettings().fileName()).contains("right-password"));
     EXPECT_FALSE(s_log.join(u'\n').contains(u"right-password"_s));
@@ -181,11 +178,10 @@ TEST_F(MailClientTest, SmtpFailuresComeBackAsTheClientsError)
 TEST_F(MailClientTest, WebMailPostsTheReportToTheRecipientDomainsEndpoint)
 {
     QDir().mkpath(d + u"/posts"_s);
-    Service server(kPython, { u"" MAIL_TEST_DIR "/https_server.py"_s, d + u"/cert.pem"_s, d + u"/key.pem"_s, d + u"/posts"_s });
-    ASSERT_FALSE(server.firstLine().isEmpty()) << "the HTTPS server did not start";
+    const auto server = startServer(u"https"_s, d, { d + u"/posts"_s });
     QSettings settings;
-    settings.setValue(u"QZMail/Web/example.org"_s, u"https://127.0.0.1:%1/report"_s.arg(server.firstLine()));
-    settings.setValue(u"QZMail/Web/refusing.example"_s, u"https://127.0.0.1:%1/refuse"_s.arg(server.firstLine()));
+    settings.setValue(u"QZMail/Web/example.org"_s, u"https://127.0.0.1:%1/report"_s.arg(server->firstLine()));
+    settings.setValue(u"QZMail/Web/refusing.example"_s, u"https://127.0.0.1:%1/refuse"_s.arg(server->firstLine()));
     settings.setValue(u"QZMail/WebOptions/caFile"_s, d + u"/cert.pem"_s);
 
     const std::shared_ptr<QZWebMailClient> client = QZWebMailClient::mailClient();
@@ -201,14 +197,13 @@ TEST_F(MailClientTest, WebMailPostsTheReportToTheRecipientDomainsEndpoint)
     for (const QJsonValue &field : post[u"fields"_s].toArray())
         fields[field[u"name"_s].toString()].append(field);
     for (const auto &[field, header] : { std::pair{ "to", "To" }, { "from", "From" }, { "subject", "Subject" } })
-        EXPECT_EQ(QString::fromUtf8(decoded(fields[QLatin1String(field)].value(0)[u"data"_s])), kHeaders[QLatin1String(header)]);
-    EXPECT_TRUE(decoded(fields[u"text"_s].value(0)[u"data"_s]).startsWith("Product\nDisk Tool 1.0 (42)\n"));
-    EXPECT_TRUE(decoded(fields[u"html"_s].value(0)[u"data"_s]).contains("font-weight:700;\">Product</span>"));
+        EXPECT_EQ(text(fields[QLatin1String(field)].value(0)), kHeaders[QLatin1String(header)]);
+    EXPECT_TRUE(text(fields[u"text"_s].value(0)).startsWith(u"Product\nDisk Tool 1.0 (42)\n"_s));
+    EXPECT_TRUE(text(fields[u"html"_s].value(0)).contains(u"font-weight:700;\">Product</span>"_s));
     ASSERT_EQ(fields[u"attachment"_s].size(), 2);
-    for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(fields[u"attachment"_s][i][u"filename"_s], m_attachments[i].section(u'/', -1));
-        EXPECT_EQ(decoded(fields[u"attachment"_s][i][u"data"_s]), m_gzips[i]);
-    }
+    for (int i = 0; i < 2; i++)
+        EXPECT_TRUE(fields[u"attachment"_s][i][u"filename"_s] == m_attachments[i].section(u'/', -1)
+                    && decoded(fields[u"attachment"_s][i][u"data"_s]) == m_gzips[i]);
     EXPECT_FALSE(client->deliverMessage(m_report, { { u"To"_s, u"bugs@refusing.example"_s } }, &error));
     EXPECT_TRUE(error.code() == QZMailErrorTransfer && error.message().contains(u"403"_s)) << error.message().toStdString();
 }

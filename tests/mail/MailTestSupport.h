@@ -13,6 +13,7 @@
 #include <QTemporaryDir>
 
 #include <sys/prctl.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <memory>
@@ -23,6 +24,7 @@ using namespace Qt::StringLiterals;
 
 // Another python3 may come first on PATH without Debian's modules.
 inline const QString kPython = u"/usr/bin/python3"_s;
+using Environment = QProcessEnvironment;
 
 inline void writeFile(const QString &path, const QByteArray &bytes)
 {
@@ -36,8 +38,7 @@ inline void writeFile(const QString &path, const QByteArray &bytes)
 inline void writeScript(const QString &path, const QByteArray &script)
 {
     writeFile(path, "#!/bin/sh\n" + script);
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup
-                                        | QFile::ReadOther | QFile::ExeOther);
+    chmod(QFile::encodeName(path).constData(), 0755);
 }
 
 inline QByteArray readFile(const QString &path)
@@ -58,7 +59,7 @@ inline QString scratchSettings()
 
 // Runs a program to its end (at most a minute) and returns its output; failing is a test failure.
 inline QByteArray runProgram(const QString &program, const QStringList &arguments, const QByteArray &input = {},
-                             const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
+                             const Environment &environment = Environment::systemEnvironment())
 {
     QProcess process;
     process.setProcessEnvironment(environment);
@@ -79,14 +80,13 @@ class Service
 {
 public:
     Service(const QString &program, const QStringList &arguments, const QByteArray &input = {},
-            const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), bool printsLine = true,
-            bool isDaemon = false)
+            const Environment &environment = Environment::systemEnvironment(), bool printsLine = true, bool isDaemon = false)
     {
         // A daemon ignores its standard input: it goes when the test process goes, however that ends.
         if (isDaemon)
             m_process.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
-        m_process.setProcessEnvironment(environment);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.setProcessEnvironment(environment);
         m_process.start(program, arguments);
         m_process.write(input);
         for (QDeadlineTimer deadline(30000); printsLine && !m_process.canReadLine() && !deadline.hasExpired()
@@ -100,9 +100,7 @@ public:
         if (!m_process.waitForFinished(10000))
             terminate();
     }
-    Service(const Service &) = delete;
-    Service &operator=(const Service &) = delete;
-
+    Q_DISABLE_COPY_MOVE(Service)
     QString firstLine() const { return m_firstLine; }
     void terminate()
     {
@@ -124,20 +122,26 @@ inline void makeCertificate(const QString &dir)
                              "subjectAltName=IP:127.0.0.1 -keyout %1/key.pem -out %1/cert.pem"_s.arg(dir).split(u' '));
 }
 
-// The SMTP server with `certDir`'s certificate, taking user "reporter" with `password` and
-// recording into `outdir`, and SMTP client settings for it in each of `settings` (a login as
-// `user` when that is not empty; `caFile` empty: the system's trust only).
+// One of the test servers of mail_servers.py with `certDir`'s certificate; its first line is its port.
+inline std::unique_ptr<Service> startServer(const QString &kind, const QString &certDir, const QStringList &arguments,
+                                            const QByteArray &input = {})
+{
+    auto server = std::make_unique<Service>(kPython, QStringList{ u"" MAIL_TEST_DIR "/mail_servers.py"_s, kind, certDir + u"/cert.pem"_s,
+                                                                  certDir + u"/key.pem"_s } + arguments, input);
+    EXPECT_FALSE(server->firstLine().isEmpty()) << "the " << kind.toStdString() << " server did not start";
+    return server;
+}
+
+// The SMTP server, taking user "reporter" with `password` and recording into `outdir`, and SMTP
+// client settings for it in each of `settings` (a login as `user` when that is not empty;
+// `caFile` empty: the system's trust only).
 inline std::unique_ptr<Service> startSmtpServer(const QString &certDir, const QString &outdir, const QByteArray &password,
                                                 std::initializer_list<QSettings *> settings, const QString &user = {},
                                                 const QString &security = u"starttls"_s, const QString &caFile = {},
                                                 bool closeMidMessage = false)
 {
     QDir().mkpath(outdir);
-    QStringList arguments{ u"" MAIL_TEST_DIR "/smtp_server.py"_s, certDir + u"/cert.pem"_s, certDir + u"/key.pem"_s, u"reporter"_s, outdir };
-    if (closeMidMessage)
-        arguments << u"close"_s;
-    auto server = std::make_unique<Service>(kPython, arguments, password + '\n');
-    EXPECT_FALSE(server->firstLine().isEmpty()) << "the SMTP server did not start";
+    auto server = startServer(u"smtp"_s, certDir, { outdir, closeMidMessage ? u"close"_s : u"keep"_s }, password + '\n');
     for (QSettings *s : settings) {
         s->remove(u"QZMail/SMTP"_s);
         const std::pair<const char *, QString> values[] = { { "server", u"127.0.0.1"_s }, { "port", server->firstLine() },
@@ -161,7 +165,7 @@ public:
         m_environment.insert(u"XDG_RUNTIME_DIR"_s, home + u"/run"_s);
         m_environment.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
         QDir().mkpath(home + u"/run"_s);
-        QFile::setPermissions(home + u"/run"_s, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        chmod(QFile::encodeName(home + u"/run"_s).constData(), 0700);
         m_service = std::make_unique<Service>(u"dbus-run-session"_s, QStringList{ u"--"_s, u"sh"_s, u"" MAIL_TEST_DIR "/keyring_session.sh"_s },
                                               QByteArray(), m_environment);
         m_environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, m_service->firstLine());
@@ -191,7 +195,7 @@ public:
     }
 
 private:
-    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
+    Environment m_environment = Environment::systemEnvironment();
     std::unique_ptr<Service> m_service;
 };
 
