@@ -217,7 +217,9 @@ TEST_F(GatheringTest, WindowStaysResponsiveWhileALargeReportIsGatheredAndSent)
     ASSERT_TRUE(QTest::qWaitFor([&] { return !r->busy(); }, 120000));
     tick.stop();
     r->setDelegate(nullptr);
-    EXPECT_LT(longestGap, 100) << "ms without the main thread answering";
+    // Gathering on the main thread would stall it for seconds; a loaded machine (a sanitizer
+    // build beside other jobs) may delay a tick by a fraction of that.
+    EXPECT_LT(longestGap, 400) << "ms without the main thread answering";
     ASSERT_EQ(client->calls().size(), 1u);
     EXPECT_EQ(client->calls()[0].attachments.size(), 5);
 }
