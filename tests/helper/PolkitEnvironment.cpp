@@ -47,9 +47,7 @@ QByteArray writeFile(const QByteArray &path, const QByteArray &content, mode_t m
 QByteArray copyFile(const QByteArray &from, const QByteArray &to, mode_t mode)
 {
     QFile source(QFile::decodeName(from));
-    if (!source.open(QIODevice::ReadOnly))
-        return "cannot read " + from;
-    return writeFile(to, source.readAll(), mode);
+    return source.open(QIODevice::ReadOnly) ? writeFile(to, source.readAll(), mode) : "cannot read " + from;
 }
 
 QByteArray mountTmpfs(const char *where)
@@ -93,12 +91,6 @@ bool waitForName(const char *name)
 }
 
 } // namespace
-
-void SafeLauncherFolder::fail(const QByteArray &why)
-{
-    if (m_failure.isEmpty())
-        m_failure = why;
-}
 
 SafeLauncherFolder::SafeLauncherFolder()
 {

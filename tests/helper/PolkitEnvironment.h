@@ -36,7 +36,7 @@ public:
     static QByteArray pkexecLauncher() { return folder() + "/helper-launcher"; }
 
 protected:
-    void fail(const QByteArray &why);
+    void fail(const QByteArray &why) { m_failure = m_failure.isEmpty() ? why : m_failure; }
     int m_previousNamespace = -1;
     QByteArray m_failure;
 };
