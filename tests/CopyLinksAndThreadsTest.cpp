@@ -94,10 +94,8 @@ TEST_F(CopyMore, HardLinksStayLinkedOnRequestAndAFailedFirstCopyLeavesTheOthersO
     EXPECT_EQ(outcome.status, 0) << outcome.output;
     EXPECT_NE(outcome.output.find(work + "/copy/" + first + "/blocker: Permission denied (at utils:195)"), std::string::npos)
             << outcome.output;
-    std::vector<std::string> others;
-    for (const char *name : { "m1", "m2", "m3" })
-        if (name != first)
-            others.push_back(name);
+    std::vector<std::string> others { "m1", "m2", "m3" };
+    std::erase(others, first);
     EXPECT_EQ(inodes(work + "/copy", others).size(), 2u);
     EXPECT_EQ(readFile(work + "/copy/" + others[0]) + readFile(work + "/copy/" + others[1]), "linkedlinked");
 }

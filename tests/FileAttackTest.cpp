@@ -262,15 +262,6 @@ TEST_F(Attack, ADeleteDoesNotEnterAFileSystemMountedInsideItsTree)
     EXPECT_EQ(listing(tree), "inner/ inner/mount/");
 }
 
-// Copies `file` to the same path below `root`, with the folders above it.
-void copyInto(const std::string &root, const std::string &file)
-{
-    const std::filesystem::path target = root + file;
-    std::filesystem::create_directories(target.parent_path());
-    std::filesystem::copy_file(file, target, std::filesystem::copy_options::overwrite_existing);
-    chmod(target.c_str(), 0755);
-}
-
 TEST_F(Attack, TheRootFolderIsRefusedHoweverSpelled)
 {
     // Only ever inside a scratch tmpfs that the child has made its root, holding qzutil, its command
@@ -280,14 +271,13 @@ TEST_F(Attack, TheRootFolderIsRefusedHoweverSpelled)
     const std::string marker = "/qz-scratch-root";
     const std::string qzutil = QZUTIL_PATH;
     for (const std::string &program : { qzutil, std::string(QZUTIL_COMMANDS_PATH) }) {   // delete is in the module
-        copyInto(scratch.path(), program);
         const Outcome libraries = runProgram({ "ldd", program });
         ASSERT_EQ(libraries.status, 0) << libraries.output;
         std::istringstream lines(libraries.output);
-        std::string word;
-        while (lines >> word)   // "name => /path (address)", or "/path (address)" for the loader
-            if (word.front() == '/')
-                copyInto(scratch.path(), word);
+        std::string word = program;   // then "name => /path (address)", or "/path (address)" for the loader
+        do
+            ASSERT_TRUE(word.front() != '/' || runProgram({ "cp", "-L", "--parents", word, scratch.path() }).status == 0) << word;
+        while (lines >> word);
     }
     makeTree(scratch.path(), { { marker.substr(1), "" }, { "canary", "1" }, { "tmp/canary", "2" }, { "home/x/canary", "3" } });
     const std::string before = listing(scratch.path());

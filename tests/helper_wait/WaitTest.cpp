@@ -37,13 +37,11 @@ QString receiverTask()
     return newest;
 }
 
-// The processor time the thread at `task` has used.
+// The processor time the thread at `task` has used (-1 ns when it cannot be read).
 std::chrono::nanoseconds processorTime(const QString &task)
 {
     QFile schedstat(task + QStringLiteral("/schedstat"));
-    if (!schedstat.open(QIODevice::ReadOnly))
-        return std::chrono::nanoseconds(-1);
-    return std::chrono::nanoseconds(schedstat.readAll().split(' ').value(0).toLongLong());
+    return std::chrono::nanoseconds(schedstat.open(QIODevice::ReadOnly) ? schedstat.readAll().split(' ').value(0).toLongLong() : -1);
 }
 
 // A connection whose helper side the test plays itself.
