@@ -73,13 +73,10 @@ TEST(ReferenceHelper, OffersADescriptorUntilTheCommandIsAborted)
     EXPECT_EQ(helperDescriptors(), before);
 }
 
-// What a helper program run by hand did with `input` on one end of a socket pair, then the end
-// of its input: its output (passed descriptors are dropped), standard error and exit status.
-// `inChild` runs in the child before the program starts.
-struct HelperRun {
-    QByteArray output, errors;
-    int status = -1;
-};
+// What a helper program run by hand did with `input` on one end of a socket pair, then the end of
+// its input: output (passed descriptors dropped), standard error and exit status. `inChild` runs
+// in the child before the program starts.
+struct HelperRun { QByteArray output, errors; int status = -1; };
 HelperRun runHelper(const QByteArray &program, const QByteArray &input, void (*inChild)() = nullptr)
 {
     HelperRun run;
