@@ -90,11 +90,7 @@ TEST(Condition, WaitAndBroadcastHandOverAndTheTimedWaitNeverSleeps)
 
 TEST(ConditionDeathTest, DestroyingAHeldLockAborts)
 {
-    const auto destroyHeld = [] {
-        QZCondition condition;
-        condition.lock();
-    };
-    EXPECT_DEATH(destroyHeld(), "app-common/QZApp/QZCondition:28: .*Assertion `!thread_with_lock' failed");
+    EXPECT_DEATH({ QZCondition condition; condition.lock(); }, "app-common/QZApp/QZCondition:28: .*Assertion `!thread_with_lock' failed");
 }
 
 } // namespace

@@ -68,7 +68,6 @@ TEST_F(CopyMore, HardLinksStayLinkedOnRequestAndAFailedFirstCopyLeavesTheOthersO
     ASSERT_EQ(symlink("a", (source + "/symbolic").c_str()), 0);
     ASSERT_EQ(linkat(AT_FDCWD, (source + "/symbolic").c_str(), AT_FDCWD, (source + "/sub/symbolic").c_str(), 0), 0);
     const std::vector<std::string> linked { "a", "b", "sub/c", "sub/deeper/d" };
-
     for (const uint32_t threads : { 0u, 2u }) {
         const std::string copy = volume / ("copy" + std::to_string(threads));
         const uint32_t parallel = threads ? COPY_FILE_PARALLEL : 0;
@@ -82,7 +81,6 @@ TEST_F(CopyMore, HardLinksStayLinkedOnRequestAndAFailedFirstCopyLeavesTheOthersO
     }
     ASSERT_EQ(runCopy(source, volume / "plain", COPY_FILE_RECURSIVE).status, 0);
     EXPECT_EQ(inodes(volume / "plain", linked).size(), 4u);   // not asked for: every name a file
-
     // The first name met of a set fails (a folder of someone else's is in its way): the others are copied, each on its own.
     const std::string work = volume / "work", set = volume / "set";
     makeFolder(work, 0755);
@@ -96,10 +94,8 @@ TEST_F(CopyMore, HardLinksStayLinkedOnRequestAndAFailedFirstCopyLeavesTheOthersO
     EXPECT_EQ(outcome.status, 0) << outcome.output;
     EXPECT_NE(outcome.output.find(work + "/copy/" + first + "/blocker: Permission denied (at utils:195)"), std::string::npos)
             << outcome.output;
-    std::vector<std::string> others;
-    for (const char *name : { "m1", "m2", "m3" })
-        if (name != first)
-            others.push_back(name);
+    std::vector<std::string> others { "m1", "m2", "m3" };
+    std::erase(others, first);
     EXPECT_EQ(inodes(work + "/copy", others).size(), 2u);
     EXPECT_EQ(readFile(work + "/copy/" + others[0]) + readFile(work + "/copy/" + others[1]), "linkedlinked");
 }
@@ -131,7 +127,6 @@ TEST_F(CopyMore, ThreadsCopyTheSameTreeCallTheFilterOneAtATimeAndReportAsOneThre
     const std::string source = volume / "source";
     makeWideTree(source);
     ASSERT_EQ(runCopy(source, volume / "alone", COPY_FILE_RECURSIVE).status, 0);
-
     struct Calls {
         std::atomic<int> inside { 0 }, most { 0 }, count { 0 };
         std::mutex lock;
@@ -159,7 +154,6 @@ TEST_F(CopyMore, ThreadsCopyTheSameTreeCallTheFilterOneAtATimeAndReportAsOneThre
     EXPECT_EQ(listing(volume / "threads"), listing(volume / "alone"));
     EXPECT_EQ(modeOf(volume / "threads/d1/f2"), modeOf(volume / "alone/d1/f2"));
     EXPECT_EQ(statusOf(volume / "threads/d3").st_mtim.tv_sec, statusOf(source + "/d3").st_mtim.tv_sec);
-
     // As an ordinary user, one unreadable file: the same lines as on one thread, errno on the caller's
     // thread, and nothing left of the copy. With keep-going, the rest is copied.
     const std::string work = volume / "work";
@@ -184,7 +178,6 @@ TEST_F(CopyMore, ThreadsDeleteATreeAndReportEachFailingEntryWhole)
     makeWideTree(tree);
     ASSERT_EQ(runDelete(tree, 0, 4), (Outcome { 0, "" }));
     EXPECT_FALSE(exists(tree));
-
     // Folders an ordinary user may not empty, in several places: each failing entry's lines in their
     // order, whole, and the deletion fails with the system's error.
     makeWideTree(tree);

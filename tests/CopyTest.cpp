@@ -31,7 +31,6 @@ protected:
         makeFolder(work);
         ASSERT_EQ(chown(work.c_str(), nobody, nobody) | chmod(volume.path().c_str(), 0755), 0);
     }
-
     const std::string work = volume / "work";
 };
 using Delete = Copy;
@@ -118,19 +117,15 @@ TEST_F(Copy, CarriesEveryKindOfObjectAsCpArchiveDoesAndAlsoImmutability)
     setImmutable(source + "/locked/inside");
     setImmutable(source + "/locked");
     setTime(source, 1200000000, 5);
-
     ASSERT_EQ(runProgram({ "cp", "-a", source, theirs }).status, 0);
     EXPECT_EQ(runCopy(source, ours, COPY_FILE_RECURSIVE), (Outcome { 0, "" }));
     EXPECT_EQ(listing(ours), listing(theirs));
     EXPECT_EQ(properties(ours), properties(theirs));
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(theirs)) {
-        const std::string relative = entry.path().string().substr(theirs.size() + 1);
-        EXPECT_EQ(properties(ours + "/" + relative), properties(entry.path())) << relative;
-    }
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(theirs))
+        EXPECT_EQ(properties(ours + entry.path().string().substr(theirs.size())), properties(entry.path())) << entry.path();
     EXPECT_EQ(lgetxattr((ours + "/program").c_str(), "user.empty", nullptr, 0), -1);   // not made again
     EXPECT_EQ(statusOf(ours + "/null").st_rdev, statusOf(source).st_dev);   // the source volume's device
     EXPECT_TRUE(isImmutable(ours + "/locked") && isImmutable(ours + "/locked/inside"));
-
     // Without recursion a folder is copied empty, with its own metadata.
     ASSERT_EQ(runCopy(source, volume / "flat").status, 0);
     EXPECT_EQ(listing(volume / "flat"), "");
@@ -150,7 +145,6 @@ TEST_F(Copy, MergesIntoATreeReplacingWhatIsInTheWayButNeverWritesThroughALinkOrO
     ASSERT_EQ(runCopy(source, dest, COPY_FILE_RECURSIVE).status, 0);
     EXPECT_EQ(statusOf(dest + "/same").st_ino, same);   // truncated and overwritten, not replaced
     EXPECT_FALSE(isImmutable(dest + "/sub"));
-
     EXPECT_EQ(runCopy(source + "/same", source + "/same").status, EEXIST);
     EXPECT_EQ(runCopy(source + "/absent", dest + "/same"),
               (Outcome { ENOENT, source + "/absent: No such file or directory (at utils:309)\n" }));
@@ -201,7 +195,6 @@ TEST_F(CopyVolumes, LargeAndSparseFilesArriveIntactAndAFullVolumeKeepsNoPartialC
         EXPECT_LE(statusOf(target + "/sparse").st_blocks, statusOf(sparse).st_blocks + 64) << target;
         EXPECT_GE(statusOf(target + "/big").st_blocks * 512, static_cast<blkcnt_t>(large.size())) << target;
     }
-
     // A volume that fills up keeps nothing (a sparse file, copied extent by extent, neither);
     // inside a tree each folder adds its line and goes too.
     const std::string full = ": No space left on device (at utils:703)\nutils:453: error (28)\n";
@@ -226,7 +219,6 @@ TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotPastAnAppendOnlyFile)
     makeFolder(tree + "/closed", 0500);
     ASSERT_EQ(runProgram({ "chattr", "+a", log }).status, 0);
     EXPECT_EQ(runDelete(tree + "/link").status, 0);   // a link to a folder goes itself
-
     // The append-only file stops it, with a line from each folder on the way down, on several threads too.
     for (const unsigned threads : { 0u, 3u }) {
         const std::string denied = ": Operation not permitted (at utils:";
@@ -238,16 +230,6 @@ TEST_F(Delete, RemovesATreeThroughItsObstaclesButNotPastAnAppendOnlyFile)
     EXPECT_EQ(runDelete(tree), (Outcome { 0, "" }));
     EXPECT_EQ(listing(here), "outside/ outside/precious=keep");
     EXPECT_EQ(runDelete(tree), (Outcome { ENOENT, "" }));   // what is already gone fails quietly
-
-    // Paths longer than its buffer are cut, and fail.
-    std::string path = volume / "deep";
-    while (path.size() < 1100)
-        path += "/" + std::string(100, 'd');
-    makeFolder(path);
-    const Outcome deep = runDelete(volume / "deep");
-    EXPECT_NE(deep.status, 0);
-    EXPECT_NE(deep.output.find("(at utils:189)"), std::string::npos) << deep.output;
-    EXPECT_TRUE(exists(path));
 }
 
 TEST_F(CopyVolumes, TheCapabilityCacheKeepsTwoVolumesAndAFatVolumeGivesCopiesBackOwnerOnly)
@@ -259,10 +241,9 @@ TEST_F(CopyVolumes, TheCapabilityCacheKeepsTwoVolumesAndAFatVolumeGivesCopiesBac
     EXPECT_EQ(utils_volume_capability_queries(), 2u);
     ASSERT_EQ(runCopy(tmpfs / "file", volume / "again").status, 0);
     EXPECT_EQ(utils_volume_capability_queries(), 2u);   // there and back: both cached
-
     // The third volume takes the place of the one queried longer ago (ext4, queried first).
     const auto common = [](const ScratchVolume &of) {
-        const struct volume_capabilities *capabilities = utils_volume_capabilities(of.path().c_str(), -1);
+        const volume_capabilities *capabilities = utils_volume_capabilities(of.path().c_str(), -1);
         return capabilities ? capabilities->common : ~0u;
     };
     EXPECT_EQ(common(fat), UTILS_ATTR_MODTIME);   // no permission bits, owners or flags
@@ -275,7 +256,6 @@ TEST_F(CopyVolumes, TheCapabilityCacheKeepsTwoVolumesAndAFatVolumeGivesCopiesBac
     EXPECT_EQ(utils_volume_capabilities((volume / "absent").c_str(), -1), nullptr);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), volume / "absent" + ": No such file or directory (at utils:222)\n");
-
     // Copies go there and come back with the modes they were made with, and no flags.
     const std::string source = volume / "source", back = volume / "back";
     makeTree(source, { { "tool", "run me" }, { "frozen", "ice" } });
@@ -299,13 +279,11 @@ TEST_F(Unprivileged, CopiesReadOnlyFoldersAndStopsAtAnUnreadableEntryUnlessKeepi
     makeFolder(source + "/closed/deeper", 0555);
     makeFolder(source + "/closed", 0555);
     ASSERT_EQ(chmod((source + "/inner/secret").c_str(), 0600), 0);   // the superuser's
-
     // The user's own read-only file in the way cannot be opened for writing: it is replaced.
     writeFile(work + "/mine", "old", 0444);
     ASSERT_EQ(chown((work + "/mine").c_str(), nobody, nobody), 0);
     EXPECT_EQ(runCopy(source + "/inner/open", work + "/mine", 0, nobody), (Outcome { 0, "" }));
     EXPECT_EQ(readFile(work + "/mine"), "yes");
-
     // The data copy opens the source without a report of its own; each level adds its line.
     EXPECT_EQ(runCopy(source, work + "/strict", COPY_FILE_RECURSIVE, nobody),
               (Outcome { EACCES, "utils:453: error (13)\nutils:410: error (13)\nutils:410: error (13)\n" }));
@@ -327,12 +305,10 @@ TEST_F(Unprivileged, SetUserIdIsDroppedWhenTheCopyChangesHands)
     writeFile(program, "#!/bin/sh\n", 06755);
     writeFile(shared, "#!/bin/sh\n");
     ASSERT_EQ(chown(shared.c_str(), nobody, nobody) | chmod(shared.c_str(), 02755), 0);
-
     ASSERT_EQ(runCopy(program, work + "/program", 0, nobody).status, 0);
     EXPECT_EQ(modeOf(work + "/program") & 07777, 0755u);   // neither owner nor group is the source's
     ASSERT_EQ(runCopy(shared, work + "/shared", 0, nobody).status, 0);
     EXPECT_EQ(modeOf(work + "/shared") & 07777, 02755u);   // the user's own group: kept
-
     // The superuser giving the copy another owner drops them too.
     const copy_file_options giveAway { COPY_FILE_OWNER | COPY_FILE_GROUP, nobody, nobody, nullptr, nullptr, 0 };
     ASSERT_TRUE(copy_file(program.c_str(), (volume / "given").c_str(), &giveAway));

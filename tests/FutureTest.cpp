@@ -30,7 +30,6 @@ TEST(Future, ValueReachesWaitingThreadsOnceAndNilIsAResult)
     const QString text(100000, QLatin1Char('x'));
     std::thread([future, text] { future->setValue(text); }).join();
     EXPECT_EQ(waiter.get().toString(), text);
-
     auto succeeded = QZErrorFuture::future(), failed = QZErrorFuture::future();
     succeeded->setError(std::nullopt);
     EXPECT_TRUE(succeeded->valid() && succeeded->succeeded());
@@ -38,13 +37,9 @@ TEST(Future, ValueReachesWaitingThreadsOnceAndNilIsAResult)
     failed->setError(denied);
     EXPECT_FALSE(failed->succeeded());
     EXPECT_EQ(failed->error(), denied);
-
     const QZAssertionFailure failure = qztest::expectAssertion([&] { succeeded->setValue(2); });
-    EXPECT_EQ(failure.method(), QLatin1String("QZValueFuture::setValue"));
     EXPECT_EQ(failure.object(), static_cast<const void *>(succeeded.get()));
-    EXPECT_EQ(failure.file(), QLatin1String("app-common/QZApp/QZFuture"));
-    EXPECT_EQ(failure.line(), 160);
-    EXPECT_EQ(failure.description(), QLatin1String("Cannot set futures twice!"));
+    EXPECT_STREQ(failure.what(), "QZValueFuture::setValue (app-common/QZApp/QZFuture:160): Cannot set futures twice!");
     EXPECT_TRUE(succeeded->succeeded());
 }
 
@@ -90,7 +85,6 @@ TEST(FutureChaining, FollowsSwitchesDetachesAndYieldsToADirectSet)
     auto immediate = QZValueFuture::future();
     immediate->takeValueFrom(head);   // already resolved: resolves inside the call
     EXPECT_TRUE(immediate->valid());
-
     auto old = QZValueFuture::future(), current = QZValueFuture::future(), follower = QZValueFuture::future();
     follower->takeValueFrom(old);
     follower->takeValueFrom(current);
@@ -99,7 +93,6 @@ TEST(FutureChaining, FollowsSwitchesDetachesAndYieldsToADirectSet)
     follower->setValue(2);
     current->setValue(3);   // the direct value stays, without an assertion
     EXPECT_EQ(follower->value().toInt(), 2);
-
     auto source = QZValueFuture::future();
     {
         auto detached = QZValueFuture::future(), destroyed = QZValueFuture::future();
@@ -119,7 +112,6 @@ TEST(CompoundFuture, ResolvesWithTheFirstNonNilChildOrNilWhenAllAre)
     Recorder never, told;
     empty->addDelegate(&never);   // stored, never told
     EXPECT_TRUE(never.threads.empty());
-
     auto a = QZValueFuture::future(), b = QZValueFuture::future(), c = QZValueFuture::future();
     a->setValue(QVariant());   // resolved before: taken during construction
     auto first = QZCompoundFuture::futureWithChildren({ a, b, c }), allNil = QZCompoundFuture::futureWithChildren({ a, b });
@@ -142,7 +134,6 @@ TEST(FutureWaiting, DeadlinesInThePastReturnAtOnceAndResolutionEndsAWaitEarly)
     EXPECT_LT(timer.elapsed(), 1000);
     future->waitUntilDate(QDateTime::currentDateTime().addMSecs(150));
     EXPECT_GE(timer.elapsed(), 140);
-
     auto synchronizer = QZFutureSynchronizer::synchronizerWithFuture(future);
     EXPECT_EQ(synchronizer->condition(), 0);
     std::thread resolver([future] {

@@ -40,13 +40,11 @@ TEST_F(WalkLimits, AnEntryWhosePathDoesNotFitIsNotTouched)
     EXPECT_FALSE(exists(copy));
     EXPECT_EQ(runCopy(top, copy, COPY_FILE_RECURSIVE | COPY_FILE_KEEP_GOING), (Outcome { 0, shown + tooLong + "309)\n" }));
     EXPECT_EQ(listing(copy + folder.substr(top.size())), fits.substr(folder.size() + 1) + "=fits");
-
     // A destination whose entries do not fit: the line names the destination as cut.
     const std::string into = deepFolder(volume / "into", 1010);
     makeTree(volume / "source", { { std::string(20, 's'), "x" } });
     EXPECT_EQ(runCopy(volume / "source", into, COPY_FILE_RECURSIVE),
               (Outcome { ENAMETOOLONG, (into + "/" + std::string(20, 's')).substr(0, 1023) + tooLong + "309)\nutils:410: error (36)\n" }));
-
     // The delete stops at the entry, before anything of that folder that comes after it.
     chain = shown + tooLong + "145)\n" + shown + tooLong + "189)\n";
     for (std::string at = folder; at.size() > top.size(); at = at.substr(0, at.rfind('/')))

@@ -105,7 +105,6 @@ TEST(HelperChannel, DescriptorsAreFetchedOnlyWhenOfferedAndAsOftenAsAsked)
     EXPECT_EQ(early->getStatus(), 0);
     early->abort();   // replied and nothing offered: only marked
     EXPECT_TRUE(early->aborted());
-
     // Asked for before the reply that offers it (the helper pauses first): the reply wakes it.
     const auto late = tool()->issueCommand(QStringLiteral("access late"));
     ASSERT_TRUE(late);
@@ -148,7 +147,6 @@ TEST(HelperChannel, HelperExitingWithTwoCommandsRunningFailsBothAndTheNextStarts
     firstDelegate.reset();   // a queued notice keeps its delegate alive
     ASSERT_TRUE(processEventsUntil([&] { return console.lines().size() == 2; }));
     EXPECT_EQ(console.lines(), QStringList(2, QStringLiteral("10002@main")));
-
     EXPECT_EQ(tool()->performCommand(QStringLiteral("three")), 0);
     tool()->terminateHelper();
     EXPECT_EQ(fake.requests(2), QByteArray("3 three\n"));
@@ -179,7 +177,6 @@ TEST(HelperChannel, ProgrammingFaultsAreReportedWithTheirPlaces)
     const QZAssertionFailure failure = qztest::expectAssertion([] { QZHelperTool second; });
     EXPECT_EQ(QStringLiteral("%1 %2:%3 %4").arg(failure.method(), failure.file()).arg(failure.line()).arg(failure.description()),
               QStringLiteral("QZHelperTool::QZHelperTool app-common/QZApp/helper/QZHelperTool:73 Oops!"));
-
     struct Logger : QZAssertionHandler {   // a host's handler that logs and returns
         void handleFailureInMethod(const char *method, const void *, const char *file, int line,
                                    const QString &text) override

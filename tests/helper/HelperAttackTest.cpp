@@ -37,14 +37,11 @@ QByteArray checksumListing(const QByteArray &root)
     for (const QString &path : paths) {
         const QByteArray native = QFile::encodeName(path);
         struct stat st;
+        QFile file(path);
         if (lstat(native.constData(), &st) != 0)
             continue;
-        QByteArray content;
-        if (S_ISREG(st.st_mode)) {
-            QFile file(path);
-            if (file.open(QIODevice::ReadOnly))
-                content = QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex();
-        }
+        const QByteArray content = S_ISREG(st.st_mode) && file.open(QIODevice::ReadOnly)
+            ? QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex() : QByteArray();
         listing += native.mid(root.size()) + ' ' + QByteArray::number(st.st_mode, 8) + ' '
             + QByteArray::number(st.st_uid) + ':' + QByteArray::number(st.st_gid) + ' ' + qztest::aclText(native) + ' ' + content + '\n';
     }
@@ -70,12 +67,9 @@ protected:
         ASSERT_FALSE(before.isEmpty());
     }
     void TearDown() override { EXPECT_EQ(checksumListing(victim.path()).toStdString(), before.toStdString()); }
-
     QByteArray attacker(const char *name = "") const { return closed.path("attacker/") + name; }
-
     // Runs `body` as the attacker; true when it returned 0.
     static bool asAttacker(const std::function<int()> &body) { return qztest::runAsUser(kDeniedUser, body) == 0; }
-
     // Runs `body` as a client of the helper of user `user`; its exit status.
     static int asClient(uid_t user, const std::function<int()> &body)
     {
@@ -86,7 +80,6 @@ protected:
             return result;
         });
     }
-
     const qztest::PolkitEnvironment polkit;
     const qztest::Folder victim { 0755 }, closed { 0755 };
     QByteArray before;
@@ -102,12 +95,13 @@ int32_t openStatus(const QByteArray &path, unsigned flags, unsigned mode = 0, un
     return status;
 }
 
-// True when an echo comes back.
-bool echoes()
+// True when an echo of `text` comes back.
+bool echoes(const char *text = "ping")
 {
-    void *reply = nullptr;
-    uint32_t length = 0;
-    const bool back = c_echo("ping", &reply, &length) == 0 && length == 4 && std::memcmp(reply, "ping", 4) == 0;
+    void *reply = &reply;   // a reply without data gives a null pointer
+    uint32_t length = 99;
+    const bool back = c_echo(text, &reply, &length) == 0 && length == std::strlen(text)
+        && (length ? std::memcmp(reply, text, length) == 0 : reply == nullptr);
     std::free(reply);
     return back;
 }
@@ -128,7 +122,6 @@ TEST_F(HelperAttack, LinksOfOthersRelativePathsFifosAndSetUserIdModes)
     ASSERT_EQ(mkdir(closed.path("client").constData(), 0755), 0);
     ASSERT_EQ(chown(closed.path("client").constData(), kAllowedUser, kAllowedUser), 0);
     const QByteArray drop = closed.path("drop/new");
-
     const int result = asClient(kAllowedUser, [&] {
         // Through the attacker's links, as a final and as a parent component.
         EXPECT_IN_CHILD(openStatus(attacker("final"), O_RDONLY) == ELOOP);
@@ -202,11 +195,7 @@ TEST_F(HelperAttack, PolkitAllowsOneUserAndDeniesAnother)
         EXPECT_IN_CHILD(fd >= 0 && close(fd) == 0);
         EXPECT_IN_CHILD(auth_chown(own.constData(), kAllowedUser, kAllowedUser) == 0 && auth_chown(link.constData(), 1, 2) == 0);
         EXPECT_IN_CHILD(auth_unlink(link.constData()) == 0 && auth_unlink(link.constData()) == -1 && errno == ENOENT);
-        void *reply = &reply;   // a reply without data gives a null pointer
-        uint32_t length = 99;
-        EXPECT_IN_CHILD(c_echo("", &reply, &length) == 0 && !reply && length == 0);
-        EXPECT_IN_CHILD(c_echo("from C", &reply, &length) == 0 && length == 6 && std::memcmp(reply, "from C", 6) == 0);
-        std::free(reply);
+        EXPECT_IN_CHILD(echoes("") && echoes("from C"));
         return 0;
     }), 0);
     struct stat st;
@@ -217,7 +206,6 @@ TEST_F(HelperAttack, PolkitAllowsOneUserAndDeniesAnother)
     ASSERT_EQ(stat(own.constData(), &st), 0);
     EXPECT_TRUE(st.st_uid == kAllowedUser && st.st_gid == kAllowedUser);
     EXPECT_EQ(lstat(link.constData(), &st), -1);
-
     const int result = qztest::runAsUser(kAllowedUser, [&] {
         tool()->setHelperPath(QFile::decodeName(qztest::SafeLauncherFolder::pkexecLauncher()));
         char text[32] = {};
@@ -246,9 +234,7 @@ TEST_F(HelperAttack, FolderSwappedForALinkDuringCommands)
         for (long i = 0; i < 5000000 && std::chrono::steady_clock::now() < deadline; ++i) {
             // "real" is the folder or the link, in turn; the file in the folder comes back.
             renameat2(AT_FDCWD, attacker("real").constData(), AT_FDCWD, attacker("swap").constData(), RENAME_EXCHANGE);
-            const int fd = open(attacker("real/x").constData(), O_WRONLY | O_CREAT | O_NOFOLLOW, 0644);
-            if (fd >= 0)
-                close(fd);
+            close(open(attacker("real/x").constData(), O_WRONLY | O_CREAT | O_NOFOLLOW, 0644));
         }
         _exit(0);
     }

@@ -33,11 +33,10 @@ TEST(HelperStress, KillsUnderLoadLoseNoCallAndLeaveNothingBehind)
     ASSERT_EQ(echo(large), 0);   // what is made once per process exists from now on
     tool()->terminateHelper();
     const int descriptors = qztest::openDescriptorCount();
-
     std::atomic<int> replied { 0 }, failed { 0 };
     std::atomic<bool> stop { false };
     std::vector<std::thread> callers;
-    for (int t = 0; t < 8; ++t) {
+    for (int t = 0; t < 8; ++t)
         callers.emplace_back([&, t] {
             for (int i = 0; !stop; ++i) {
                 const qint32 status = echo(QByteArray::number(t) + ':' + QByteArray::number(i));
@@ -45,7 +44,6 @@ TEST(HelperStress, KillsUnderLoadLoseNoCallAndLeaveNothingBehind)
                 ++(status == 0 ? replied : failed);
             }
         });
-    }
     int kills = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     int repliedBefore = -1;
@@ -65,7 +63,6 @@ TEST(HelperStress, KillsUnderLoadLoseNoCallAndLeaveNothingBehind)
     EXPECT_EQ(kills, 100);
     EXPECT_GT(replied, 0);
     EXPECT_GT(failed, 0);
-
     EXPECT_EQ(echo("after"), 0);   // the next call starts a new helper
     tool()->terminateHelper();
     EXPECT_EQ(qztest::openDescriptorCount(), descriptors);

@@ -30,10 +30,7 @@ namespace qztest {
 
 constexpr uid_t kNobody = 65534;
 
-inline QZHelperTool *tool()
-{
-    return QZHelperTool::sharedInstance();
-}
+inline QZHelperTool *tool() { return QZHelperTool::sharedInstance(); }
 
 // A temporary folder with the permission bits `mode`: by default every user may write to it.
 class Folder

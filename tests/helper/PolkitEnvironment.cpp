@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -47,9 +48,7 @@ QByteArray writeFile(const QByteArray &path, const QByteArray &content, mode_t m
 QByteArray copyFile(const QByteArray &from, const QByteArray &to, mode_t mode)
 {
     QFile source(QFile::decodeName(from));
-    if (!source.open(QIODevice::ReadOnly))
-        return "cannot read " + from;
-    return writeFile(to, source.readAll(), mode);
+    return source.open(QIODevice::ReadOnly) ? writeFile(to, source.readAll(), mode) : "cannot read " + from;
 }
 
 QByteArray mountTmpfs(const char *where)
@@ -58,10 +57,14 @@ QByteArray mountTmpfs(const char *where)
 }
 
 // Starts `argv` as a child with the test's environment; -1 when it cannot.
-pid_t start(const char *const argv[])
+pid_t start(std::initializer_list<const char *> words)
 {
+    std::vector<char *> argv;
+    for (const char *word : words)
+        argv.push_back(const_cast<char *>(word));
+    argv.push_back(nullptr);
     pid_t pid = -1;
-    return posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ) == 0 ? pid : -1;
+    return posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
 }
 
 void stop(pid_t pid)
@@ -94,12 +97,6 @@ bool waitForName(const char *name)
 
 } // namespace
 
-void SafeLauncherFolder::fail(const QByteArray &why)
-{
-    if (m_failure.isEmpty())
-        m_failure = why;
-}
-
 SafeLauncherFolder::SafeLauncherFolder()
 {
     m_previousNamespace = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
@@ -121,15 +118,12 @@ SafeLauncherFolder::SafeLauncherFolder()
         struct stat st;
         if (name == "." || name == ".." || name == "qzapp" || lstat(original.constData(), &st) != 0)
             continue;
-        if (S_ISLNK(st.st_mode)) {
-            char target[4096];
-            const ssize_t length = readlink(original.constData(), target, sizeof target - 1);
-            if (length > 0 && (target[length] = '\0', symlink(target, mirror.constData()) != 0))
-                fail(systemError("cannot mirror", original));
-            continue;
-        }
-        const bool made = S_ISDIR(st.st_mode) ? mkdir(mirror.constData(), 0755) == 0 : writeFile(mirror, QByteArray(), 0644).isEmpty();
-        if (!made || mount(original.constData(), mirror.constData(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
+        char target[4096] = {};
+        const bool made = S_ISLNK(st.st_mode)
+            ? readlink(original.constData(), target, sizeof target - 1) <= 0 || symlink(target, mirror.constData()) == 0
+            : (S_ISDIR(st.st_mode) ? mkdir(mirror.constData(), 0755) == 0 : writeFile(mirror, QByteArray(), 0644).isEmpty())
+                && mount(original.constData(), mirror.constData(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+        if (!made)
             fail(systemError("cannot mirror", original));
     }
     if (dir)
@@ -191,15 +185,11 @@ PolkitEnvironment::PolkitEnvironment(const QByteArray &busPolicy)
     }
     if (!m_failure.isEmpty())
         return;
-    const char *const bus[] = { "/usr/bin/dbus-daemon", "--system", "--nofork", "--nopidfile", nullptr };
-    if ((m_bus = start(bus)) < 0) {
+    if ((m_bus = start({ "/usr/bin/dbus-daemon", "--system", "--nofork", "--nopidfile" })) < 0) {
         fail("cannot start dbus-daemon --system (install the dbus package)");
-        return;
-    }
-    const char *const polkitd[] = { "/usr/lib/polkit-1/polkitd", "--no-debug", nullptr };
-    if (!waitForName("org.freedesktop.DBus")) {
+    } else if (!waitForName("org.freedesktop.DBus")) {
         fail("the system bus did not come up");
-    } else if ((m_polkitd = start(polkitd)) < 0) {
+    } else if ((m_polkitd = start({ "/usr/lib/polkit-1/polkitd", "--no-debug" })) < 0) {
         fail("cannot start /usr/lib/polkit-1/polkitd (install the polkitd package)");
     } else if (!waitForName("org.freedesktop.PolicyKit1")) {
         fail("polkitd did not appear on the system bus");

@@ -1,13 +1,10 @@
-// Where the reference helper runs as root for an unprivileged client in the tests, in a private
-// mount namespace of the test process:
-//  - SafeLauncherFolder: /usr/libexec is replaced by a root-owned tmpfs (0755) that mirrors the
-//    real one and adds qzapp/ (0755) with the helper (0755), the tests' set-user-id launcher
-//    (04755) and the packaged pkexec launcher (0755), so that nothing a set-user-id file runs
-//    can be replaced by another user;
-//  - PolkitEnvironment: that, plus a system bus and polkitd of their own: a tmpfs over /run/dbus,
-//    `dbus-daemon --system`, the helper's policy over /usr/share/polkit-1/actions and a rules
-//    file that allows user nobody and denies user daemon over /etc/polkit-1/rules.d.
-// Leaving restores the test process's own mount namespace.
+// Where the reference helper runs as root for an unprivileged client, in a private mount namespace
+// (leaving restores the test process's own):
+//  - SafeLauncherFolder: a root-owned tmpfs mirroring /usr/libexec replaces it, adding qzapp/ with
+//    the helper, the tests' set-user-id launcher and the packaged pkexec launcher, so that nothing
+//    a set-user-id file runs can be replaced by another user;
+//  - PolkitEnvironment: that, plus a system bus and polkitd of their own (tmpfs over /run/dbus,
+//    the helper's policy, a rules file allowing user nobody and denying user daemon).
 #pragma once
 
 #include <QByteArray>
@@ -36,7 +33,7 @@ public:
     static QByteArray pkexecLauncher() { return folder() + "/helper-launcher"; }
 
 protected:
-    void fail(const QByteArray &why);
+    void fail(const QByteArray &why) { m_failure = m_failure.isEmpty() ? why : m_failure; }
     int m_previousNamespace = -1;
     QByteArray m_failure;
 };

@@ -29,18 +29,14 @@ TEST(ReferenceHelper, AccessControlListsGrantAndRevoke)
     const QByteArray file = workspace.write("file", "text", 0600);
     const QByteArray link = workspace.path("link");
     ASSERT_EQ(symlink(file.constData(), link.constData()), 0);
-
     EXPECT_EQ(authorise_access(file.constData(), 4, kNobody), 0);
     EXPECT_EQ(authorise_access(file.constData(), 2, kNobody), 0);   // grants add up
     EXPECT_EQ(aclText(file), QByteArray("user::rw-,user:65534:rw-,group::---,mask::rw-,other::---"));
-
     EXPECT_EQ(authorise_global(file.constData(), 4), 0);
     EXPECT_EQ(aclText(file), QByteArray("user::rw-,user:65534:rw-,group::---,mask::rw-,other::r--"));
-
     EXPECT_EQ(revoke_access(file.constData(), kNobody), 0);
     EXPECT_EQ(aclText(file), QByteArray("user::rw-,group::---,other::r--"));
     EXPECT_EQ(revoke_access(file.constData(), kNobody), 0);   // nothing left to revoke
-
     EXPECT_EQ(authorise_access(link.constData(), 4, kNobody), ELOOP);
     EXPECT_EQ(authorise_global(workspace.path("missing").constData(), 4), ENOENT);
 }
@@ -58,7 +54,6 @@ TEST(ReferenceHelper, OffersADescriptorUntilTheCommandIsAborted)
         return QDir(QStringLiteral("/proc/%1/fd").arg(helper)).entryList(QDir::Files | QDir::System).size();
     };
     const qsizetype before = helperDescriptors();
-
     const auto command = tool()->issueCommand(QStringLiteral("access ") + QFile::decodeName(file) + QStringLiteral(" 0 0 2"));
     ASSERT_TRUE(command);
     ASSERT_EQ(command->getStatus(), 0);
@@ -73,19 +68,15 @@ TEST(ReferenceHelper, OffersADescriptorUntilTheCommandIsAborted)
     close(first);
     close(second);
     EXPECT_EQ(helperDescriptors(), before + 1);
-
     command->abort();
     ASSERT_EQ(tool()->performCommand(QStringLiteral("echo")), 0);   // served after the abort
     EXPECT_EQ(helperDescriptors(), before);
 }
 
-// What a helper program run by hand did with `input` on one end of a socket pair, then the end
-// of its input: its output (passed descriptors are dropped), standard error and exit status.
-// `inChild` runs in the child before the program starts.
-struct HelperRun {
-    QByteArray output, errors;
-    int status = -1;
-};
+// What a helper program run by hand did with `input` on one end of a socket pair, then the end of
+// its input: output (passed descriptors dropped), standard error and exit status. `inChild` runs
+// in the child before the program starts.
+struct HelperRun { QByteArray output, errors; int status = -1; };
 HelperRun runHelper(const QByteArray &program, const QByteArray &input, void (*inChild)() = nullptr)
 {
     HelperRun run;
@@ -165,7 +156,6 @@ TEST(ReferenceHelper, RefusesOtherClientsAndToRunSetUserId)
         EXPECT_EQ(run.status, 1);
         EXPECT_TRUE(run.errors.startsWith("qzhelper: authorization block ")) << run.errors.toStdString();
     }
-
     // Set-user-id only where nobody else can replace it.
     const qztest::SafeLauncherFolder folder;
     ASSERT_EQ(folder.failure(), QByteArray());
@@ -196,7 +186,6 @@ TEST(ReferenceHelper, ServesAClientWhoseNameHoldsBlanksAndParentheses)
     EXPECT_EQ(authorization->startTime(), started);
     EXPECT_EQ(run.output, "1 REPLY 0 0\n");
     EXPECT_EQ(run.errors, QByteArray());
-
     const pid_t child = fork();
     if (child == 0)
         _exit(0);

@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -20,10 +19,7 @@
 
 namespace {
 
-QZHelperTool *tool()
-{
-    return QZHelperTool::sharedInstance();
-}
+QZHelperTool *tool() { return QZHelperTool::sharedInstance(); }
 
 // The newest receiver thread's entry under /proc/self/task, or an empty string.
 QString receiverTask()
@@ -41,13 +37,11 @@ QString receiverTask()
     return newest;
 }
 
-// The processor time the thread at `task` has used.
+// The processor time the thread at `task` has used (-1 ns when it cannot be read).
 std::chrono::nanoseconds processorTime(const QString &task)
 {
     QFile schedstat(task + QStringLiteral("/schedstat"));
-    if (!schedstat.open(QIODevice::ReadOnly))
-        return std::chrono::nanoseconds(-1);
-    return std::chrono::nanoseconds(schedstat.readAll().split(' ').value(0).toLongLong());
+    return std::chrono::nanoseconds(schedstat.open(QIODevice::ReadOnly) ? schedstat.readAll().split(' ').value(0).toLongLong() : -1);
 }
 
 // A connection whose helper side the test plays itself.
@@ -67,7 +61,6 @@ public:
         tool()->terminateHelper();
     }
     Q_DISABLE_COPY_MOVE(PlayedHelper)
-
     // Takes in what the channel sent so far (so that its socket never fills), then sends `bytes`.
     void send(const QByteArray &bytes) const
     {
@@ -96,12 +89,8 @@ TEST(HelperWait, EveryThreadWaitingForACommandWakesWithItsStatus)
     const auto command = issued("echo");
     std::atomic<int> woken { 0 };
     std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; ++i) {
-        waiters.emplace_back([&] {
-            if (command->getStatus() == 17)
-                ++woken;
-        });
-    }
+    for (int i = 0; i < 4; ++i)
+        waiters.emplace_back([&] { woken += command->getStatus() == 17; });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));   // let them fall asleep
     helper.send(QByteArray::number(command->commandID()) + " REPLY 17 0\n");
     for (std::thread &waiter : waiters)

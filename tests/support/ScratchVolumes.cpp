@@ -8,8 +8,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -58,9 +58,8 @@ Outcome runAs(uid_t user, const std::function<bool()> &operation)
     };
     if (user == 0) {
         testing::internal::CaptureStderr();
-        Outcome outcome { status(), {} };
-        outcome.output = testing::internal::GetCapturedStderr();
-        return outcome;
+        const int result = status();
+        return { result, testing::internal::GetCapturedStderr() };
     }
     return runChild([&] {
         if (setgroups(0, nullptr) < 0 || setgid(user) < 0 || setuid(user) < 0)
@@ -213,9 +212,8 @@ std::string listing(const std::string &root)
 
 std::string readFile(const std::string &path)
 {
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 struct stat statusOf(const std::string &path)
