@@ -106,6 +106,10 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
         { "delete|--jobs|3|%D/threads", {}, 0, "" },
         { "delete|%D/flat", {}, 1, "", "qzutil: cannot delete %D/flat: No such file or directory\n" },
         { "copy|%D/flat|%D/again", {}, 1, "", "%D/flat: No such file or directory (at utils:309)\n" },
+        // The same commands in forms the program leaves to the full parser.
+        { "copy|--jobs=2|--recursive|%D/source|%D/parsed", {}, 0, "" },
+        { "delete|--|%D/parsed", {}, 0, "" },
+        { "delete|--|%D/parsed", {}, 1, "", "qzutil: cannot delete %D/parsed: No such file or directory\n" },
         { "auth-cat|%D/data", {}, 0, data },
         { "helper|unlink|%D/doomed file", {}, 0, "status 0\n" },
         { "helper|unlink|%D/doomed file", {}, 1, "status 2\n", "qzutil: unlink: No such file or directory (status 2)\n" },
@@ -159,9 +163,9 @@ TEST(Qzutil, CommandsGiveTheirOutputAndExitStatus)
     EXPECT_FALSE(QFile::exists(d + QStringLiteral("/copy")));
 }
 
-// base64 and the tree commands start with Qt Core and nothing of the framework or the GUI; the
-// other commands load the command module.
-TEST(Qzutil, Base64AndDeleteLoadOnlyWhatTheyNeed)
+// A plain copy or delete starts with the C file utilities alone; base64 adds Qt Core and nothing
+// of the framework or the GUI; the other commands load the command module.
+TEST(Qzutil, EachCommandLoadsOnlyWhatItNeeds)
 {
     const auto loaded = [](const QStringList &arguments) {
         QProcess process;
@@ -173,17 +177,26 @@ TEST(Qzutil, Base64AndDeleteLoadOnlyWhatTheyNeed)
         process.closeWriteChannel();
         EXPECT_TRUE(process.waitForFinished(60000));
         EXPECT_EQ(process.exitCode(), 0);
-        return process.readAllStandardError();
+        const QByteArray log = process.readAllStandardError();
+        EXPECT_TRUE(log.contains("libc.so")) << "LD_DEBUG gave no list";
+        return log;
     };
     QTemporaryDir scratch;
     ASSERT_TRUE(QDir(scratch.path()).mkdir(QStringLiteral("tree")));
-    const QStringList light[] = { { QStringLiteral("base64") }, { QStringLiteral("base64"), QStringLiteral("--decode") },
-                                  { QStringLiteral("delete"), scratch.filePath(QStringLiteral("tree")) } };
-    for (const QStringList &arguments : light) {
-        const QByteArray log = loaded(arguments);
-        EXPECT_TRUE(log.contains("libQt6Core.so")) << "LD_DEBUG gave no list";
+    const QString tree = scratch.filePath(QStringLiteral("tree"));
+    const struct {
+        QStringList arguments;
+        bool qtCore;
+    } rows[] = { { { QStringLiteral("copy"), QStringLiteral("--recursive"), tree, tree + QStringLiteral("2") }, false },
+                 { { QStringLiteral("delete"), QStringLiteral("--jobs"), QStringLiteral("2"), tree }, false },
+                 { { QStringLiteral("base64") }, true },
+                 { { QStringLiteral("base64"), QStringLiteral("--decode") }, true } };
+    for (const auto &row : rows) {
+        const QByteArray log = loaded(row.arguments);
+        const std::string command = row.arguments.join(u' ').toStdString();
+        EXPECT_EQ(log.contains("libQt6Core.so"), row.qtCore) << command;
         for (const char *library : { "qzutil-commands", "libQZApp.so", "libQt6Gui", "libQt6Widgets", "libQt6DBus", "libcrypto" })
-            EXPECT_FALSE(log.contains(library)) << arguments.join(u' ').toStdString() << " loads " << library;
+            EXPECT_FALSE(log.contains(library)) << command << " loads " << library;
     }
     EXPECT_TRUE(loaded({ QStringLiteral("quote"), QStringLiteral("x") }).contains("qzutil-commands"));
 }

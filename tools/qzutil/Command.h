@@ -7,6 +7,8 @@
 // functions below from the program, which exports them (QZUTIL_HOST).
 #pragma once
 
+#include "Launcher.h"
+
 #include <QByteArray>
 #include <QCommandLineParser>
 #include <QFile>
@@ -22,8 +24,6 @@ class QCoreApplication;
 QT_END_NAMESPACE
 
 namespace qzutil {
-
-#define QZUTIL_HOST __attribute__((visibility("default")))
 
 enum ExitStatus { Success = 0, Failure = 1, UsageError = 2 };
 

@@ -8,8 +8,6 @@
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
-#include <QDir>
-#include <QFile>
 
 #include <algorithm>
 #include <cstdio>
@@ -17,11 +15,7 @@
 #include <string>
 #include <utility>
 
-#include <climits>
-
 #include <dlfcn.h>
-#include <sys/auxv.h>
-#include <unistd.h>
 
 namespace qzutil {
 namespace {
@@ -30,23 +24,6 @@ std::map<std::string, Command> &commands()
 {
     static std::map<std::string, Command> table;
     return table;
-}
-
-// The folder of the running program: from /proc, or where /proc is missing (a chroot), from the
-// name it was started by.
-QByteArray programFolder()
-{
-    QByteArray program(PATH_MAX, '\0');
-    const ssize_t length = readlink("/proc/self/exe", program.data(), static_cast<size_t>(program.size()));
-    if (length > 0 && length < program.size()) {
-        program.truncate(length);
-    } else {
-        const auto *started = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
-        program = started ? QByteArray(started) : QByteArray();
-        if (!program.startsWith('/'))
-            program.prepend(QFile::encodeName(QDir::currentPath()) + '/');
-    }
-    return program.left(program.lastIndexOf('/'));
 }
 
 // Loads the command module, once: its commands register themselves as it loads. It lies at a
@@ -58,8 +35,8 @@ void loadCommandModule()
     if (tried)
         return;
     tried = true;
-    const QByteArray path = programFolder() + "/" QZUTIL_COMMAND_MODULE;
-    if (!dlopen(path.constData(), RTLD_NOW | RTLD_LOCAL))
+    const std::string path = std::string(programFolder()) + "/" QZUTIL_COMMAND_MODULE;
+    if (!dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL))
         std::fprintf(stderr, "qzutil: %s\n", dlerror());
 }
 

@@ -1,126 +1,133 @@
-// qzutil copy | delete: copying and deleting file trees. They live in the program, not the
-// command module: they need only the C file utilities, so a copy or delete starts without the
-// framework's GUI libraries, as fast as the tools it stands in for.
-#include "Command.h"
-
-#include <QZApp/utils.h>
+// qzutil copy | delete: copying and deleting file trees, without Qt. The full parser (the core
+// module) registers the commands and their help, and hands a parsed command line to runCopy and
+// runDelete; a plain command line runs them straight from the program.
+#include "Launcher.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <tuple>
+#include <optional>
+#include <string_view>
 
 #include <sys/stat.h>
 
 namespace qzutil {
 namespace {
 
-QString systemError(int code)
-{
-    return QString::fromLocal8Bit(std::strerror(code));
-}
-
-// A user or group id for --owner and --group: up to 4294967294, as (uid_t)-1 means "unchanged".
-std::optional<uint32_t> parseId(const QString &text)
-{
-    const std::optional<quint64> id = parseUnsigned(text);
-    return id && *id <= 0xFFFFFFFEu ? std::optional<uint32_t>(static_cast<uint32_t>(*id)) : std::nullopt;
-}
-
-// --jobs N: 1 to 64 threads; absent, 1.
-std::optional<uint32_t> parseJobs(const Invocation &invocation)
-{
-    if (!invocation.isSet("jobs"))
-        return 1;
-    const std::optional<quint64> jobs = parseUnsigned(invocation.value("jobs"));
-    return jobs && *jobs >= 1 && *jobs <= 64 ? std::optional<uint32_t>(static_cast<uint32_t>(*jobs)) : std::nullopt;
-}
-
-int copy(const Invocation &invocation)
-{
-    copy_file_options options {};
-    if (invocation.isSet("recursive"))
-        options.flags |= COPY_FILE_RECURSIVE;
-    if (invocation.isSet("keep-going"))
-        options.flags |= COPY_FILE_KEEP_GOING;
-    if (invocation.isSet("hard-links"))
-        options.flags |= COPY_FILE_HARD_LINKS;
-    const std::optional<uint32_t> jobs = parseJobs(invocation);
-    if (!jobs)
-        return usage("copy");
-    if (*jobs > 1) {
-        options.flags |= COPY_FILE_PARALLEL;
-        options.threads = *jobs;
-    }
-    for (const auto &[option, flag, id] : { std::tuple { "owner", COPY_FILE_OWNER, &options.owner },
-                                            std::tuple { "group", COPY_FILE_GROUP, &options.group } }) {
-        if (!invocation.isSet(option))
-            continue;
-        const std::optional<uint32_t> given = parseId(invocation.value(option));
-        if (!given)
-            return usage("copy");
-        options.flags |= flag;
-        *id = *given;
-    }
-    const QStringList &paths = invocation.operands();
-    if (paths.size() != 2)
-        return usage("copy");
-    const QList<QByteArray> &bytes = invocation.operandBytes();   // paths as given, even when not UTF-8
-    if (!copy_file(bytes[0].constData(), bytes[1].constData(), &options))
-        return fail(QStringLiteral("cannot copy %1 to %2: %3").arg(paths[0], paths[1], systemError(errno)));
-    return Success;
-}
+constexpr int kSuccess = 0, kFailure = 1;
 
 // Whether `path` names the root folder, however spelled ("/", "//", "/tmp/..").
-bool namesRootFolder(const QByteArray &path)
+bool namesRootFolder(const char *path)
 {
-    QByteArray folder = path;
-    while (folder.size() > 1 && folder.endsWith('/'))
-        folder.chop(1);
+    size_t length = std::strlen(path);
+    while (length > 1 && path[length - 1] == '/')
+        length--;
+    char *folder = strndup(path, length);
     struct stat named {}, root {};
-    return lstat(folder.constData(), &named) == 0 && stat("/", &root) == 0 && named.st_dev == root.st_dev
-        && named.st_ino == root.st_ino;
+    const bool root_folder = folder && lstat(folder, &named) == 0 && stat("/", &root) == 0
+        && named.st_dev == root.st_dev && named.st_ino == root.st_ino;
+    std::free(folder);
+    return root_folder;
 }
 
-int remove(const Invocation &invocation)
+// Plain decimal digits up to `most`; anything else is left to the full parser.
+std::optional<uint32_t> plainNumber(const char *text, uint64_t least, uint64_t most)
 {
-    const QStringList &arguments = invocation.operands();
-    if (arguments.size() != 1)
-        return usage("delete");
-    const std::optional<uint32_t> jobs = parseJobs(invocation);
-    if (!jobs)
-        return usage("delete");
-    const QByteArray &path = invocation.operandBytes().front();
-    if ((*jobs > 1 ? delete_file_object_parallel(path.constData(), *jobs) : delete_file_object(path.constData())) == 0)
-        return Success;
-    const int error = errno;
-    // The two refusals, said plainly: the library's line only names the error.
-    if (error == EPERM && namesRootFolder(path))
-        return fail(QStringLiteral("cannot delete %1: it is the root folder, which is never deleted").arg(arguments.front()));
-    if (error == EXDEV)
-        return fail(QStringLiteral("cannot delete %1 completely: another file system is mounted inside it, "
-                                   "and a delete never enters one").arg(arguments.front()));
-    return fail(QStringLiteral("cannot delete %1: %2").arg(arguments.front(), systemError(error)));
+    uint64_t value = 0;
+    if (!*text)
+        return std::nullopt;
+    for (const char *c = text; *c; ++c) {
+        if (*c < '0' || *c > '9' || value > most)
+            return std::nullopt;
+        value = value * 10 + static_cast<uint64_t>(*c - '0');
+    }
+    if (value < least || value > most)
+        return std::nullopt;
+    return static_cast<uint32_t>(value);
 }
 
-QZUTIL_COMMAND(.name = "copy",
-               .usage = "[--recursive] [--keep-going] [--hard-links] [--jobs N] [--owner UID] [--group GID] "
-                        "SOURCE DESTINATION",
-               .summary = "copy a file or folder with all its metadata", .run = copy,
-               .options = { { "recursive", nullptr, "copy a folder's entries too, and theirs (without it a folder\n"
-                                                    "is copied alone)" },
-                            { "keep-going", nullptr, "go on with the next entry when one entry of a folder fails" },
-                            { "hard-links", nullptr, "keep files that are hard links of each other linked in the copy" },
-                            { "jobs", "N", "copy on N threads (1 to 64; default 1)" },
-                            { "owner", "UID", "give every copied object this user id (0 to 4294967294)" },
-                            { "group", "GID", "give every copied object this group id (0 to 4294967294)" } },
-               .operands = { { "SOURCE", "the object to copy; a final symbolic link is copied as a link" },
-                             { "DESTINATION", "the copy: a file there is overwritten, a folder merged into;\n"
-                                              "on failure it is deleted, unless the error is EEXIST" } });
-QZUTIL_COMMAND(.name = "delete", .usage = "[--jobs N] PATH", .summary = "delete a file or folder and everything beneath it",
-               .run = remove,
-               .options = { { "jobs", "N", "delete on N threads (1 to 64; default 1)" } },
-               .operands = { { "PATH", "the object to delete; immutable flags are cleared and owner write\n"
-                                       "permission added to folders on the way. The root folder is never\n"
-                                       "deleted, and other file systems mounted inside are not entered" } });
 } // namespace
+
+int runCopy(const copy_file_options &options, const char *source, const char *destination)
+{
+    if (!copy_file(source, destination, &options))
+    {
+        std::fprintf(stderr, "qzutil: cannot copy %s to %s: %s\n", source, destination, std::strerror(errno));
+        return kFailure;
+    }
+    return kSuccess;
+}
+
+int runDelete(const char *path, uint32_t jobs)
+{
+    if ((jobs > 1 ? delete_file_object_parallel(path, jobs) : delete_file_object(path)) == 0)
+        return kSuccess;
+    // The two refusals, said plainly: the library's line only names the error.
+    const int error = errno;
+    if (error == EPERM && namesRootFolder(path))
+        std::fprintf(stderr, "qzutil: cannot delete %s: it is the root folder, which is never deleted\n", path);
+    else if (error == EXDEV)
+        std::fprintf(stderr, "qzutil: cannot delete %s completely: another file system is mounted inside it, "
+                             "and a delete never enters one\n", path);
+    else
+        std::fprintf(stderr, "qzutil: cannot delete %s: %s\n", path, std::strerror(error));
+    return kFailure;
+}
+
+bool runTreeCommandDirectly(int argc, char **argv, int *status)
+{
+    if (argc < 2)
+        return false;
+    const std::string_view command = argv[1];
+    const bool copy = command == "copy";
+    if (!copy && command != "delete")
+        return false;
+    struct Known {
+        std::string_view name;
+        uint32_t flag;          // a copy flag, or 0 for an option with a value
+        bool copyOnly;
+        bool seen;
+    } known[] = { { "--recursive", COPY_FILE_RECURSIVE, true, false }, { "--keep-going", COPY_FILE_KEEP_GOING, true, false },
+                  { "--hard-links", COPY_FILE_HARD_LINKS, true, false }, { "--jobs", 0, false, false },
+                  { "--owner", 0, true, false }, { "--group", 0, true, false } };
+    copy_file_options options {};
+    uint32_t jobs = 1;
+    int i = 2;
+    for (; i < argc && argv[i][0] == '-'; ++i) {
+        Known *option = nullptr;
+        for (Known &candidate : known) {
+            if (candidate.name == argv[i] && (copy || !candidate.copyOnly))
+                option = &candidate;
+        }
+        if (!option || option->seen)
+            return false;
+        option->seen = true;
+        if (option->flag) {
+            options.flags |= option->flag;
+            continue;
+        }
+        if (++i == argc)
+            return false;
+        const bool isJobs = option->name == "--jobs";
+        const std::optional<uint32_t> value = plainNumber(argv[i], isJobs ? 1 : 0, isJobs ? 64 : 0xFFFFFFFEu);
+        if (!value)
+            return false;
+        if (isJobs)
+            jobs = *value;
+        else if (option->name == "--owner")
+            options.flags |= COPY_FILE_OWNER, options.owner = *value;
+        else
+            options.flags |= COPY_FILE_GROUP, options.group = *value;
+    }
+    if (argc - i != (copy ? 2 : 1))
+        return false;
+    if (copy && jobs > 1) {
+        options.flags |= COPY_FILE_PARALLEL;
+        options.threads = jobs;
+    }
+    *status = copy ? runCopy(options, argv[i], argv[i + 1]) : runDelete(argv[i], jobs);
+    return true;
+}
+
 } // namespace qzutil

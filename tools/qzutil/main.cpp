@@ -1,92 +1,61 @@
 // qzutil: the framework's command-line front end, for scripting, testing a helper and
 // benchmarking. Exit status 0 on success, 1 on failure (with a one-line reason), 2 on a usage
 // error (with a usage line).
-#include "Command.h"
-#include "CommandLine.h"
+//
+// The program runs a plain copy or delete itself, with nothing loaded but the C file utilities;
+// for any other command line it loads the core module (Qt Core, the parser, base64), which in
+// turn loads the command module for the commands that need the whole framework.
+#include "Launcher.h"
 
-#include <QCoreApplication>
-#include <QFile>
-
+#include <climits>
+#include <clocale>
 #include <cstdio>
-#include <memory>
+#include <cstring>
+
+#include <dlfcn.h>
+#include <sys/auxv.h>
+#include <unistd.h>
 
 namespace qzutil {
 
-int fail(const QString &reason)
+const char *programFolder()
 {
-    std::fprintf(stderr, "qzutil: %s\n", reason.toLocal8Bit().constData());
-    return Failure;
-}
-
-void writeOut(const QByteArray &bytes)
-{
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
-}
-
-void printLine(const QString &line)
-{
-    writeOut(line.toUtf8() + '\n');
-}
-
-bool openInput(QFile &file, const QString &path, QString *error)
-{
-    const bool opened = path.isEmpty() || path == QLatin1String("-")
-            ? file.open(stdin, QIODevice::ReadOnly)
-            : (file.setFileName(path), file.open(QIODevice::ReadOnly));
-    if (!opened)
-        *error = QStringLiteral("%1: %2").arg(path, file.errorString());
-    return opened;
-}
-
-QString inputName(const QString &path)
-{
-    return path.isEmpty() || path == QLatin1String("-") ? QStringLiteral("standard input") : path;
-}
-
-std::optional<QByteArray> readInput(const QString &path, QString *error)
-{
-    QFile file;
-    if (!openInput(file, path, error))
-        return std::nullopt;
-    QByteArray bytes = file.readAll();
-    if (file.error() != QFileDevice::NoError) {
-        *error = QStringLiteral("%1: %2").arg(inputName(path), file.errorString());
-        return std::nullopt;
+    static char folder[PATH_MAX + 1];
+    if (folder[0])
+        return folder;
+    const ssize_t length = readlink("/proc/self/exe", folder, PATH_MAX);
+    if (length > 0) {
+        folder[length] = '\0';
+    } else {
+        const auto *started = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
+        if (!started || started[0] != '/') {
+            if (!getcwd(folder, PATH_MAX))
+                std::strcpy(folder, ".");
+            std::strncat(folder, "/", PATH_MAX - std::strlen(folder));
+        }
+        std::strncat(folder, started ? started : "", PATH_MAX - std::strlen(folder));
     }
-    return bytes;
-}
-
-std::optional<QString> inputPath(const Invocation &invocation)
-{
-    const QStringList &operands = invocation.operands();
-    return operands.size() <= 1 ? std::optional<QString>(operands.value(0)) : std::nullopt;
-}
-
-std::optional<quint64> parseUnsigned(const QString &text)
-{
-    if (text.isEmpty() || !text.front().isDigit())
-        return std::nullopt;
-    bool ok = false;
-    const quint64 value = text.toULongLong(&ok, 10);
-    return ok ? std::optional<quint64>(value) : std::nullopt;
+    *std::strrchr(folder, '/') = '\0';
+    return folder;
 }
 
 } // namespace qzutil
 
 int main(int argc, char **argv)
 {
-    // A command that needs more than Qt Core makes its own application object.
-    const qzutil::Command *command = argc > 1 ? qzutil::commandNamed(QByteArray(argv[1])) : nullptr;
-    const std::unique_ptr<QCoreApplication> app(command && command->makeApplication
-                                                        ? command->makeApplication(argc, argv)
-                                                        : new QCoreApplication(argc, argv));
-    QCoreApplication::setApplicationName(QStringLiteral("qzutil"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(QZUTIL_VERSION));
-    // The bytes of the argument vector as the application left it, one for one.
-    QList<QByteArray> words;
-    for (int i = 1; i < argc; i++)
-        words.append(QByteArray(argv[i]));
-    const int status = qzutil::runCommandLine(words);
-    std::fflush(stdout);
-    return status;
+    int status = 0;
+    std::setlocale(LC_ALL, "");   // as the core module's application object does
+    if (qzutil::runTreeCommandDirectly(argc, argv, &status))
+        return status;
+    // The core module goes into the global scope: the command module finds the helpers of
+    // Command.h there.
+    char path[PATH_MAX * 2 + 2];
+    std::snprintf(path, sizeof path, "%s/%s", qzutil::programFolder(), QZUTIL_CORE_MODULE);
+    void *core = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
+    auto *run = core ? reinterpret_cast<int (*)(int, char **)>(dlsym(core, "qzutil_main")) : nullptr;
+    if (!run) {
+        std::fprintf(stderr, "qzutil: %s\n", dlerror());
+        return 1;
+    }
+    return run(argc, argv);
 }
