@@ -20,13 +20,14 @@ using namespace qztest;
 
 // LeakSanitizer: gio keeps small per-process allocations made inside libsecret's password lookup
 // (the SMTP client's one libsecret call); stacks are unwound slowly to reach libsecret through glib.
-// ThreadSanitizer: glib and gio are not instrumented, so the hand-offs between libsecret's caller
-// and gio's worker thread look like races inside them.
+// ThreadSanitizer: glib, gobject and gio are not instrumented, so the hand-offs between
+// libsecret's caller and gio's worker threads look like races inside them.
 extern "C" __attribute__((visibility("default"), used)) const char *__lsan_default_suppressions() { return "leak:libsecret-1.so\n"; }
 extern "C" __attribute__((visibility("default"), used)) const char *__asan_default_options() { return "fast_unwind_on_malloc=0"; }
 extern "C" __attribute__((visibility("default"), used)) const char *__tsan_default_suppressions()
 {
-    return "called_from_lib:libglib-2.0.so.0\ncalled_from_lib:libgio-2.0.so.0\nrace:libglib-2.0.so.0\nrace:libgio-2.0.so.0\n";
+    return "called_from_lib:libglib-2.0.so.0\ncalled_from_lib:libgio-2.0.so.0\nrace:libglib-2.0.so.0\nrace:libgio-2.0.so.0\n"
+           "race:libgobject-2.0.so.0\n";
 }
 
 namespace {
