@@ -137,7 +137,8 @@ for _ in $(seq "$large_runs"); do
     copy_case "b qzutil" "$large" "$qzutil" copy --recursive
     copy_case "sparse cp" "$sparse" cp -a
     copy_case "sparse qzutil" "$sparse" "$qzutil" copy
-    samples[startup]+="$(time_once "$qzutil" base64 /dev/null) "   # starting the program, as copy and delete do
+    mkdir -p "$work/empty" && samples[startup]+="$(time_once "$qzutil" delete "$work/empty") "   # starting alone
+    mkdir -p "$work/empty" && samples[startup rm]+="$(time_once rm -rf "$work/empty") "
     for v in "${shared_volumes[@]}"; do
         shared_case "$(basename "$v") cp" "$v" cp -a
         shared_case "$(basename "$v") qzutil" "$v" "$qzutil" copy
@@ -174,7 +175,7 @@ for v in "${shared_volumes[@]}"; do
     row "copy 512 MiB within $(basename "$v") vs cp -a" "$(basename "$v") qzutil" "$(basename "$v") cp"
 done
 echo
-echo "Starting qzutil alone (\`qzutil base64 /dev/null\`, the libraries copy and delete load): $(m startup) ms ($(s startup))."
+echo "Starting alone (deleting an empty folder): qzutil $(m startup) ms ($(s startup)), rm -rf $(m "startup rm") ms ($(s "startup rm"))."
 echo "Sparse copy occupies: qzutil $sparse_qz_kib KiB, cp -a $sparse_cp_kib KiB."
 echo "Medians of $runs runs each ($large_runs for tree (b), the sparse file and the shared-extent volumes); samples (ms):"
 for name in "${!samples[@]}"; do
