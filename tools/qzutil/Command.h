@@ -25,8 +25,6 @@ QT_END_NAMESPACE
 
 namespace qzutil {
 
-enum ExitStatus { Success = 0, Failure = 1, UsageError = 2 };
-
 // An option of a command, "--NAME" or, with a value name, "--NAME VALUE".
 struct Option {
     const char *name;

@@ -12,6 +12,8 @@ namespace qzutil {
 
 #define QZUTIL_HOST __attribute__((visibility("default")))
 
+enum ExitStatus { Success = 0, Failure = 1, UsageError = 2 };
+
 // The folder of the running program: from /proc, or where /proc is missing (a chroot), from the
 // name it was started by. (The program uses the C library alone, so that it starts at once.)
 QZUTIL_HOST const char *programFolder();

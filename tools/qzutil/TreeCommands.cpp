@@ -15,8 +15,6 @@
 namespace qzutil {
 namespace {
 
-constexpr int kSuccess = 0, kFailure = 1;
-
 // Whether `path` names the root folder, however spelled ("/", "//", "/tmp/..").
 bool namesRootFolder(const char *path)
 {
@@ -54,15 +52,15 @@ int runCopy(const copy_file_options &options, const char *source, const char *de
     if (!copy_file(source, destination, &options))
     {
         std::fprintf(stderr, "qzutil: cannot copy %s to %s: %s\n", source, destination, std::strerror(errno));
-        return kFailure;
+        return Failure;
     }
-    return kSuccess;
+    return Success;
 }
 
 int runDelete(const char *path, uint32_t jobs)
 {
     if ((jobs > 1 ? delete_file_object_parallel(path, jobs) : delete_file_object(path)) == 0)
-        return kSuccess;
+        return Success;
     // The two refusals, said plainly: the library's line only names the error.
     const int error = errno;
     if (error == EPERM && namesRootFolder(path))
@@ -72,7 +70,7 @@ int runDelete(const char *path, uint32_t jobs)
                              "and a delete never enters one\n", path);
     else
         std::fprintf(stderr, "qzutil: cannot delete %s: %s\n", path, std::strerror(error));
-    return kFailure;
+    return Failure;
 }
 
 bool runTreeCommandDirectly(int argc, char **argv, int *status)
